@@ -1,0 +1,65 @@
+#include "support/helpers.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "ravik.h"
+
+namespace ravik::test {
+
+void on_fresh_thread(const std::function<void()> &fn)
+{
+    std::thread t(fn);
+    t.join();
+}
+
+temp_cwd::temp_cwd()
+{
+    char tmpl[] = "/tmp/ravik-test-XXXXXX";
+    path_ = mkdtemp(tmpl);
+    char buf[4096];
+    old_ = getcwd(buf, sizeof(buf));
+    if (chdir(path_.c_str()) != 0)
+        abort();
+}
+
+temp_cwd::~temp_cwd()
+{
+    if (chdir(old_.c_str()) != 0)
+        abort();
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+}
+
+std::string read_file(const std::string &path)
+{
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+bool file_exists(const std::string &path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+int32_t record_events(int32_t event, void *payload, void *context)
+{
+    auto *log = static_cast<event_log *>(context);
+    log->events.push_back(event);
+    if (event == DEVICE_EVENT_LOG)
+        log->lines.push_back(static_cast<const char *>(payload));
+    if (event == DEVICE_EVENT_FREE)
+        log->free_names.push_back(static_cast<const char *>(payload));
+    return 0;
+}
+
+} // namespace ravik::test
