@@ -86,17 +86,19 @@ int32_t linux_serial_read(int32_t handle, void *buf, uint32_t count, int *err)
     if (count == 0)
         return 0;
     double deadline = monotonic_ms() + READ_IDLE_MS;
+    bool hung_up = false;
     for (;;) {
         long n = calls.read(handle, buf, count);
         if (n > 0)
             return (int32_t)n;
-        if (n == 0) {
-            // End of file: the far end is gone, as a vanished port reports.
-            *err = EIO;
+        // A raw terminal with nothing waiting reads 0 rather than EAGAIN.
+        if (n < 0 && errno != EAGAIN && errno != EINTR) {
+            *err = errno;
             return -1;
         }
-        if (errno != EAGAIN && errno != EINTR) {
-            *err = errno;
+        // Hung up and drained: the far end is gone and nothing will come.
+        if (hung_up) {
+            *err = EIO;
             return -1;
         }
         int left = (int)(deadline - monotonic_ms());
@@ -110,7 +112,7 @@ int32_t linux_serial_read(int32_t handle, void *buf, uint32_t count, int *err)
         }
         if (r == 0)
             return 0;
-        // POLLHUP or POLLERR: the read that follows reports the failure.
+        hung_up = (revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
     }
 }
 
