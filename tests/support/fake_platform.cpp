@@ -38,6 +38,12 @@ void fake_platform::push_read_error(int err)
     script_.push_back({item::error, {}, err});
 }
 
+void fake_platform::clear_script()
+{
+    std::lock_guard<std::mutex> g(mu_);
+    script_.clear();
+}
+
 int32_t fake_platform::s_open(const char *name)
 {
     std::lock_guard<std::mutex> g(self->mu_);

@@ -25,6 +25,7 @@ class fake_platform {
     void push_bytes(const std::string &bytes);
     void push_idle(int reads = 1);
     void push_read_error(int err);
+    void clear_script();
 
     double clock = 1700000000.0;     // virtual wall clock, seconds
     bool local_time_ok = true;
