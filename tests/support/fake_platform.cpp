@@ -85,7 +85,12 @@ int32_t fake_platform::s_write(int32_t, const void *buf, uint32_t count, int *er
         *err = self->write_error;
         return -1;
     }
-    uint32_t n = std::min(count, self->write_cap);
+    uint32_t cap = self->write_cap;
+    if (!self->write_caps.empty()) {
+        cap = self->write_caps.front();
+        self->write_caps.pop_front();
+    }
+    uint32_t n = std::min(count, cap);
     self->written.append(static_cast<const char *>(buf), n);
     return (int32_t)n;
 }

@@ -37,6 +37,7 @@ class fake_platform {
     std::string last_open_name;
     std::string written;            // everything the host wrote
     uint32_t write_cap = UINT32_MAX; // largest count one write takes
+    std::deque<uint32_t> write_caps; // per-write caps, used first, one per write
     int write_error = 0;            // errno for every write when non-zero
     uint64_t slept_ms = 0;
 
