@@ -84,7 +84,7 @@ struct simg_io_calls {
     long (*pread)(int fd, void *buf, size_t n, uint64_t at);
     long (*pwrite)(int fd, const void *buf, size_t n, uint64_t at);
     long (*write)(int fd, const void *buf, size_t n);
-    int (*fsync)(int fd);
+    int (*fdatasync)(int fd);
     int (*file_size)(int fd, uint64_t *size);
     void *(*map_file)(void *at, size_t len, int fd, uint64_t offset);
     void *(*map_anon)(size_t len);

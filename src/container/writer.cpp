@@ -46,10 +46,10 @@ uint64_t tail_position(const simg *h)
     return last->offset + padded;
 }
 
-// The order of the writes keeps the file a container at every moment: an
-// empty header first, which ends every walk where the old tail stood; then
-// the data, a new tail and the header but for its first byte; then, once
-// those are on disk, that one byte, which makes the entry visible.
+// The order of the writes keeps the file a container at every moment: a
+// header with an empty name first, which ends every walk where the old tail
+// stood; then the data and a new tail; then, once those are on disk, the
+// first byte of the name, which makes the entry visible.
 int32_t append_entry(simg *h, const void *data, uint64_t size, const char *name,
                      simg_entry **out)
 {
@@ -70,7 +70,14 @@ int32_t append_entry(simg *h, const void *data, uint64_t size, const char *name,
 
     simg_io_calls &io = simg_io();
     const uint8_t *bytes = static_cast<const uint8_t *>(data);
+    // The header goes down whole but for its first byte, which stays zero so
+    // a walk ends there; 256 bytes at a multiple of 256 never straddle a
+    // sector, so this write lands whole or not at all.
     uint8_t header[SIMG_HDRSZ] = {};
+    memcpy(header, name, strnlen(name, SIMG_FILE_NAME_MAX));
+    put_le64(header + SIMG_SIZE_AT, size);
+    uint8_t commit = header[0];
+    header[0] = 0;
     uint64_t at = start;
     if (simg_write_at(h->fd, header, sizeof(header), at) != 0)
         RK_RETURN(ERR_IO);
@@ -94,20 +101,12 @@ int32_t append_entry(simg *h, const void *data, uint64_t size, const char *name,
         RK_RETURN(ERR_IO);
     h->end_offset = at + SIMG_HDRSZ;
 
-    // The header goes down without its first byte, so a walk still ends at
-    // it; the first byte of the name is the commit, a write that cannot be
-    // torn. Each step reaches the disk before the next begins: written over
-    // the old tail block ahead of the empty header, the rest of the header
-    // would turn that tail block into an entry, and a commit ahead of the
-    // data would expose a header without its data, even after a power cut.
-    if (io.fsync(h->fd) != 0)
+    // The first byte of the name is the commit, a write that cannot be torn.
+    // Everything else reaches the disk before it, so not even a power cut can
+    // expose a header without its data.
+    if (io.fdatasync(h->fd) != 0)
         RK_RETURN(ERR_IO);
-    memcpy(header, name, strnlen(name, SIMG_FILE_NAME_MAX));
-    put_le64(header + SIMG_SIZE_AT, size);
-    if (simg_write_at(h->fd, header + 1, sizeof(header) - 1, start + 1) != 0 ||
-        io.fsync(h->fd) != 0)
-        RK_RETURN(ERR_IO);
-    if (simg_write_at(h->fd, header, 1, start) != 0 || io.fsync(h->fd) != 0)
+    if (simg_write_at(h->fd, &commit, 1, start) != 0 || io.fdatasync(h->fd) != 0)
         RK_RETURN(ERR_IO);
 
     simg_entry *e = &h->entries[h->num_entries];

@@ -1,6 +1,6 @@
 // A store interrupted anywhere leaves the old container or the new one. Two
 // views: the process stops after any write (the write fails, whole or torn),
-// and the power fails with any subset of the writes since the last fsync lost.
+// and the power fails with any subset of the writes since the last sync lost.
 #include <gtest/gtest.h>
 
 #include "container/container.h"
@@ -97,7 +97,7 @@ TEST(SimgCrash, StopAfterEachWrite)
 }
 
 // Writes between two fsyncs may reach the disk in any order or not at all; a
-// write before an fsync is on the disk once the fsync has returned.
+// write before a sync is on the disk once the sync has returned.
 TEST(SimgCrash, PowerCutLosesAnyUnsyncedWrites)
 {
     temp_cwd cwd;

@@ -65,7 +65,7 @@ io_hook::io_hook() : saved_(simg_io())
 {
     self = this;
     simg_io().pwrite = s_pwrite;
-    simg_io().fsync = s_fsync;
+    simg_io().fdatasync = s_fdatasync;
     simg_io().map_file = s_map_file;
     simg_io().map_anon = s_map_anon;
     simg_io().file_size = s_file_size;
@@ -91,7 +91,7 @@ long io_hook::s_pwrite(int fd, const void *buf, size_t n, uint64_t at)
     return self->saved_.pwrite(fd, buf, n, at);
 }
 
-int io_hook::s_fsync(int fd)
+int io_hook::s_fdatasync(int fd)
 {
     long index = (long)self->writes.size();
     self->writes.push_back({UINT64_MAX, {}});
@@ -99,7 +99,7 @@ int io_hook::s_fsync(int fd)
         errno = EIO;
         return -1;
     }
-    return self->saved_.fsync(fd);
+    return self->saved_.fdatasync(fd);
 }
 
 void *io_hook::s_map_file(void *at, size_t len, int fd, uint64_t offset)

@@ -45,11 +45,11 @@ class io_hook {
     io_hook &operator=(const io_hook &) = delete;
 
     struct write_rec {
-        uint64_t at; // UINT64_MAX for an fsync
+        uint64_t at; // UINT64_MAX for an fdatasync
         std::string bytes;
     };
-    std::vector<write_rec> writes; // pwrite and fsync calls, in order
-    // When >= 0: the pwrite or fsync of this index (0-based, counted in
+    std::vector<write_rec> writes; // pwrite and fdatasync calls, in order
+    // When >= 0: the pwrite or fdatasync of this index (0-based, counted in
     // `writes`) fails; torn makes a failing pwrite put down half its bytes.
     long fail_at = -1;
     bool torn = false;
@@ -60,7 +60,7 @@ class io_hook {
   private:
     static io_hook *self;
     static long s_pwrite(int fd, const void *buf, size_t n, uint64_t at);
-    static int s_fsync(int fd);
+    static int s_fdatasync(int fd);
     static void *s_map_file(void *at, size_t len, int fd, uint64_t offset);
     static void *s_map_anon(size_t len);
     static int s_file_size(int fd, uint64_t *size);
