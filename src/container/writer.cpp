@@ -217,8 +217,11 @@ simg_entry *simg_import(simg *h, const char *path, const char *name)
 }
 
 // Later entries and the tail block move down over the deleted one in pieces,
-// front to back, which is safe because the target lies below the source. The
-// file is not shortened: readers stop at the moved tail block.
+// front to back, which is safe because the target lies below the source; in
+// pieces, because a container of many GiB cannot be held in memory. A
+// failure partway leaves the table as it was and the file damaged behind the
+// hole, as a failed write would. The file is not shortened: readers stop at
+// the moved tail block.
 int32_t simg_delete(simg *h, const char *name)
 {
     int32_t idx = find_index(h, name);
