@@ -138,9 +138,7 @@ int32_t xtags_del_filter(xtags *doc, const char *key)
         kvp *p = list_entry(it, kvp, link);
         if (!key || tags_ieq(p->key, key)) {
             list_del(it);
-            mem_free(p->key);
-            mem_free(p->value);
-            mem_free(p);
+            kvp_free(p);
         }
     }
     return 0;

@@ -13,13 +13,6 @@ namespace {
 
 char ascii_lower(char c) { return (c >= 'A' && c <= 'Z') ? (char)(c - 'A' + 'a') : c; }
 
-void kvp_free(kvp *p)
-{
-    mem_free(p->key);
-    mem_free(p->value);
-    mem_free(p);
-}
-
 void free_list(list_head *head)
 {
     list_for_each_safe(it, tmp, head)
@@ -113,6 +106,13 @@ uintptr_t tags_number_pointer(const char *text)
     bool neg;
     uint64_t mag = read_magnitude(text, &neg);
     return (uintptr_t)(neg ? 0 - mag : mag);
+}
+
+void kvp_free(kvp *pair)
+{
+    mem_free(pair->key);
+    mem_free(pair->value);
+    mem_free(pair);
 }
 
 tagline *tagline_new(const char *name)

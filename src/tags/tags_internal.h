@@ -18,6 +18,7 @@ int32_t tags_number_signed(const char *text);
 uint32_t tags_number_unsigned(const char *text);
 uintptr_t tags_number_pointer(const char *text);
 
+void kvp_free(kvp *pair);
 tagline *tagline_new(const char *name);
 void tagline_free(tagline *line);
 // Rebuilds attrs from the pairs: 0, or ERR_NO_MEMORY with the old text kept.
