@@ -5,6 +5,7 @@
 
 #include "core/core.h"
 #include "platform/platform.h"
+#include "tags/tags.h"
 
 namespace ravik {
 
@@ -25,15 +26,32 @@ void handle_logs(const char *line, void *context)
     device_broadcast(DEVICE_EVENT_LOG, const_cast<char *>(line));
 }
 
-// The property store arrives with the tag documents; until then a device has
-// none, and the dump lists no properties.
 int32_t create_store(device_object *dev)
 {
-    (void)dev;
-    return 0;
+    dev->properties = xtags_create();
+    return dev->properties ? 0 : ERR_NO_MEMORY;
 }
-void free_store(device_object *dev) { dev->properties = nullptr; }
-void dump_properties(device_object *dev) { (void)dev; }
+
+void free_store(device_object *dev)
+{
+    xtags_free(dev->properties);
+    dev->properties = nullptr;
+}
+
+void dump_properties(device_object *dev)
+{
+    if (!dev->properties)
+        return;
+    list_for_each_safe(it, tmp, &dev->properties->lines)
+    {
+        tagline *line = list_entry(it, tagline, link);
+        list_for_each_safe(p, ptmp, &line->kvps)
+        {
+            kvp *pair = list_entry(p, kvp, link);
+            RK_LOGI("  %s = \"%s\",\n", pair->key, pair->value);
+        }
+    }
+}
 
 // The end-of-session dump goes only into the log ring: muted, so the caller's
 // callback does not see it.
