@@ -195,7 +195,8 @@ struct expr_parser {
     {
         ws();
         size_t n = std::strlen(w);
-        if (s.compare(i, n, w) == 0 && (i + n >= s.size() || !name_char(s[i + n]))) {
+        if (s.compare(i, n, w) == 0 &&
+            (i + n >= s.size() || !(std::isalnum((unsigned char)s[i + n]) || s[i + n] == '_'))) {
             i += n;
             return true;
         }
