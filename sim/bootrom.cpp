@@ -107,9 +107,8 @@ std::vector<uint8_t> engine::exec_payload(uint32_t cmd, bool &known)
     std::vector<uint8_t> out;
     known = true;
     auto word = [&](uint32_t v) {
-        uint8_t b[4];
-        put32(b, v);
-        out.insert(out.end(), b, b + 4);
+        for (int i = 0; i < 4; i++)
+            out.push_back((uint8_t)(v >> (8 * i)));
     };
     switch (cmd) {
     case 1: // serial number
