@@ -185,6 +185,9 @@ void engine::run()
                     sleep_ms(-1);
                 sleep_ms(opt.reboot_ms);
             } catch (vanishing &) {
+                // What was written last must reach the host before the port
+                // goes: closing the master drops what the host has not read.
+                sleep_ms(opt.reset_delay_ms);
                 pty.unplug();
                 discard_input();
                 wire.add("vanish");

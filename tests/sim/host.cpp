@@ -344,7 +344,7 @@ sandbox::sandbox(ravik_sim::options o)
     o.link = dir + "/tty";
     o.storage_dir = dir + "/storage";
     if (o.reset_delay_ms == 100)
-        o.reset_delay_ms = 20;
+        o.reset_delay_ms = 50;
     if (o.reboot_ms == 200)
         o.reboot_ms = 50;
     target = std::make_unique<ravik_sim::target>(o);
