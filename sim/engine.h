@@ -90,6 +90,7 @@ class engine {
     void sleep_ms(int ms);
     void check_vanish(phase at);
     void discard_input();
+    void let_host_read();
 
     // Boot ROM (bootrom.cpp).
     void boot_rom();

@@ -564,10 +564,7 @@ void engine::do_power(const command &c)
     bool leave = value == "off" || value == "reset_to_fastboot";
     if (!reset && !leave)
         return;
-    // Give the host the time to read the answer, or to close by itself.
-    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(opt.reset_delay_ms);
-    while (pty.host_present() && std::chrono::steady_clock::now() < until)
-        sleep_ms(2);
+    let_host_read();
     throw rebooting{reset || opt.come_back, reset ? "reset" : "off", value};
 }
 

@@ -185,9 +185,7 @@ void engine::run()
                     sleep_ms(-1);
                 sleep_ms(opt.reboot_ms);
             } catch (vanishing &) {
-                // What was written last must reach the host before the port
-                // goes: closing the master drops what the host has not read.
-                sleep_ms(opt.reset_delay_ms);
+                let_host_read();
                 pty.unplug();
                 discard_input();
                 wire.add("vanish");
@@ -223,6 +221,15 @@ void engine::reconnect()
     pty.replug();
     discard_input();
     wait_host();
+}
+
+void engine::let_host_read()
+{
+    // Closing the master drops what the host has not read yet: give it the
+    // time to read the last answer, or to close by itself.
+    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(opt.reset_delay_ms);
+    while (pty.host_present() && std::chrono::steady_clock::now() < until)
+        sleep_ms(2);
 }
 
 void engine::discard_input()
