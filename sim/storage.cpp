@@ -109,9 +109,9 @@ uint32_t crc32(const void *data, size_t n, uint32_t crc)
     return ~crc;
 }
 
-std::vector<part_spec> parse_layout(const std::string &text)
+std::vector<part_layout> parse_layout(const std::string &text)
 {
-    std::vector<part_spec> parts;
+    std::vector<part_layout> parts;
     std::istringstream in(text);
     std::string line;
     int no = 0;
@@ -125,7 +125,7 @@ std::vector<part_spec> parse_layout(const std::string &text)
             continue;
         if (!(words >> name >> size))
             throw std::runtime_error("layout line " + std::to_string(no) + ": need lun, name, size");
-        part_spec p;
+        part_layout p;
         try {
             p.lun = (unsigned)std::stoul(lun, nullptr, 0);
         } catch (...) {
@@ -166,7 +166,7 @@ std::string default_layout(bool ufs)
            "2 spare_b *\n";
 }
 
-gpt_image build_gpt(const std::vector<part_spec> &parts, unsigned lun, uint32_t blksz,
+gpt_image build_gpt(const std::vector<part_layout> &parts, unsigned lun, uint32_t blksz,
                     uint64_t sectors, uint64_t disk_seed)
 {
     const uint64_t array_bytes = (uint64_t)ENTRIES * ENTRY_SIZE;

@@ -16,7 +16,7 @@ namespace ravik_sim {
 
 uint32_t crc32(const void *data, size_t n, uint32_t crc = 0);
 
-struct part_spec {
+struct part_layout {
     unsigned lun = 0;
     std::string name;
     uint64_t bytes = 0; // 0: the rest of the LUN
@@ -24,7 +24,7 @@ struct part_spec {
 };
 
 // Throws std::runtime_error with the line number on a bad line.
-std::vector<part_spec> parse_layout(const std::string &text);
+std::vector<part_layout> parse_layout(const std::string &text);
 std::string default_layout(bool ufs);
 
 // Builds the whole GPT of a LUN: the protective MBR and primary table
@@ -35,7 +35,7 @@ struct gpt_image {
     std::vector<uint8_t> backup;
     uint64_t backup_at = 0;
 };
-gpt_image build_gpt(const std::vector<part_spec> &parts, unsigned lun, uint32_t blksz,
+gpt_image build_gpt(const std::vector<part_layout> &parts, unsigned lun, uint32_t blksz,
                     uint64_t sectors, uint64_t disk_seed);
 
 class storage {
