@@ -1,0 +1,184 @@
+// Programmer upload: the target asks for ranges, the host serves them.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "core/core.h"
+#include "link/device.h"
+#include "link/properties.h"
+#include "sahara/sahara.h"
+#include "sahara/target_script.h"
+#include "support/fake_platform.h"
+#include "support/helpers.h"
+
+using namespace ravik;
+using namespace ravik::test;
+
+namespace {
+struct end_of_session {
+    ~end_of_session() { free_device(); }
+};
+
+std::string make_image(size_t n)
+{
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; i++)
+        s[i] = (char)(i * 131 + 7);
+    return s;
+}
+
+// A target in command mode, about to be switched to image transfer.
+struct download_fixture {
+    fake_platform &fake;
+    std::string image = make_image(10000);
+    explicit download_fixture(fake_platform &f) : fake(f)
+    {
+        EXPECT_EQ(device_open(), 0);
+        device_setu("sahara.current_mode", 3);
+        fake.push_bytes(hello(0));
+    }
+    int32_t run() { return sahara_download(image.data(), (uint32_t)image.size()); }
+    // What the host sent after its HELLO_RESP.
+    host_wire after_greeting()
+    {
+        host_wire w{fake.written};
+        EXPECT_EQ(w.next_packet(), words(12, {0}));
+        EXPECT_EQ(w.next_packet(), words(2, {2, 2, 0, 0}, 48));
+        return w;
+    }
+};
+
+struct capture {
+    std::vector<std::string> lines;
+    static void fn(const char *line, void *ctx) { static_cast<capture *>(ctx)->lines.push_back(std::string(line).substr(10)); }
+};
+} // namespace
+
+TEST(SaharaDownload, ServesRangesInAnyOrderAndTwice)
+{
+    fake_platform fake;
+    on_fresh_thread([&] {
+        end_of_session end;
+        download_fixture d(fake);
+        fake.push_bytes(read_data(4096, 4096));
+        fake.push_bytes(read_data(0, 52));
+        fake.push_bytes(read_data_64(0xFFFFFFFFFFull, 9000, 1000));
+        fake.push_bytes(read_data(0, 52));
+        fake.push_bytes(read_data(10000, 0)); // ends exactly at the image end: nothing to send
+        fake.push_bytes(end_image(0));
+        fake.push_bytes(done_resp(1));
+        ASSERT_EQ(d.run(), 0);
+        host_wire w = d.after_greeting();
+        EXPECT_EQ(w.next_raw(4096), d.image.substr(4096, 4096));
+        EXPECT_EQ(w.next_raw(52), d.image.substr(0, 52));
+        EXPECT_EQ(w.next_raw(1000), d.image.substr(9000, 1000));
+        EXPECT_EQ(w.next_raw(52), d.image.substr(0, 52));
+        EXPECT_EQ(w.next_packet(), words(5, {}));
+        EXPECT_TRUE(w.done());
+        EXPECT_EQ(device_getu("sahara.current_mode", 99), 99u); // 0 reads as the default
+    });
+}
+
+TEST(SaharaDownload, AfterAResetTheTargetGreetsFirst)
+{
+    fake_platform fake;
+    on_fresh_thread([&] {
+        end_of_session end;
+        ASSERT_EQ(device_open(), 0);
+        device_setu("sahara.current_mode", 0);
+        std::string image = make_image(100);
+        fake.push_bytes(hello(0));
+        fake.push_bytes(read_data(0, 100));
+        fake.push_bytes(end_image(0));
+        fake.push_bytes(done_resp(0));
+        ASSERT_EQ(sahara_download(image.data(), 100), 0);
+        host_wire w{fake.written};
+        EXPECT_EQ(w.next_packet(), words(2, {2, 2, 0, 0}, 48));
+        EXPECT_EQ(w.next_raw(100), image);
+    });
+}
+
+TEST(SaharaDownload, RangesOutsideTheImageFail)
+{
+    fake_platform fake;
+    struct c {
+        std::string request;
+        int code;
+        bool logged;
+    } cases[] = {
+        {read_data(0, 10001), ERR_RANGE, false},
+        {read_data(0xFFFFFFF0u, 0x20), ERR_RANGE, false},
+        {read_data_64(0, 0, 1ull << 32), ERR_RANGE, true},
+        {read_data_64(0, 1ull << 32, 1), ERR_RANGE, true},
+        {read_data_64(0, 0xFFFFFFFFull, 0xFFFFFFFFull), ERR_RANGE, false},
+    };
+    for (auto &k : cases) {
+        on_fresh_thread([&] {
+            end_of_session end;
+            fake.clear_script();
+            fake.written.clear();
+            capture cap;
+            logger_subscribe("cap", capture::fn, &cap);
+            download_fixture d(fake);
+            fake.push_bytes(k.request);
+            int32_t code = d.run();
+            EXPECT_EQ(code & 0xFF, k.code);
+            bool logged = false;
+            for (auto &l : cap.lines)
+                logged |= l == "data chunk >= 4GB not supported\n";
+            EXPECT_EQ(logged, k.logged);
+            host_wire w = d.after_greeting();
+            EXPECT_TRUE(w.done()); // not a byte of the image went out
+            logger_unsubscribe("cap");
+        });
+    }
+}
+
+TEST(SaharaDownload, TargetEndsAndAborts)
+{
+    fake_platform fake;
+    on_fresh_thread([&] {
+        end_of_session end;
+        {
+            download_fixture d(fake);
+            fake.push_bytes(end_image(5));
+            int32_t code = d.run();
+            EXPECT_EQ(code & 0xFF, 133);
+            EXPECT_STREQ(format_error(code), "sahara_download()->Invalid packet size received");
+            host_wire w = d.after_greeting();
+            EXPECT_TRUE(w.done()); // no DONE after an abort
+        }
+        {
+            fake.clear_script();
+            fake.written.clear();
+            download_fixture d(fake);
+            fake.push_bytes(end_image(0));
+            fake.push_bytes(done_resp(2));
+            EXPECT_EQ(d.run() & 0xFF, ERR_GENERAL);
+        }
+        {
+            fake.clear_script();
+            fake.written.clear();
+            capture cap;
+            logger_subscribe("cap", capture::fn, &cap);
+            download_fixture d(fake);
+            fake.push_bytes(read_data(0, 10));
+            fake.push_bytes(hello(0)); // the target restarted mid-transfer
+            EXPECT_EQ(d.run() & 0xFF, ERR_GENERAL);
+            bool logged = false;
+            for (auto &l : cap.lines)
+                logged |= l == "Unexpected command, expecting 3 or 18 or 4, got 1 instead.\n";
+            EXPECT_TRUE(logged);
+            logger_unsubscribe("cap");
+        }
+        {
+            fake.clear_script();
+            fake.written.clear();
+            download_fixture d(fake);
+            fake.push_bytes(read_data(0, 10));
+            fake.write_caps = {UINT32_MAX, UINT32_MAX, 5}; // part of the range only
+            EXPECT_EQ(d.run() & 0xFF, ERR_IO);
+        }
+    });
+}
