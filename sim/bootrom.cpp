@@ -4,6 +4,7 @@
 // chunks, and starts it once the host has said DONE.
 #include "engine.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -353,12 +354,20 @@ bool engine::load_image()
             continue;
         if (size > MAX_SEGMENT || off + size < off)
             return refuse(ST_DATA_SIZE, "bad-elf");
+        // A host must serve any range in any order, and the same one twice.
+        std::vector<std::pair<uint64_t, uint64_t>> chunks;
         for (uint64_t done = 0; done < size;) {
             uint64_t n = std::min<uint64_t>(opt.sahara_chunk, size - done);
-            fetch(off + done, n);
+            chunks.emplace_back(off + done, n);
             done += n;
         }
+        if (opt.scramble_ranges)
+            std::reverse(chunks.begin(), chunks.end());
+        for (auto &[at, n] : chunks)
+            fetch(at, n);
     }
+    if (opt.scramble_ranges)
+        fetch(0, 52);
     if (mismatch)
         return refuse(ST_SEGMENT_HASH, "mismatch");
     wire.add("image", "verified");

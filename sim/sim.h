@@ -112,6 +112,7 @@ struct options {
     uint32_t hello_mode = 0;         // mode reported in HELLO
     uint32_t sahara_chunk = 0x1000;  // bytes per READ_DATA request
     int read64 = -1;                 // READ_DATA_64: 1 always, 0 never, -1 for 64-bit ELF
+    bool scramble_ranges = false;    // segments pulled back to front, the header twice
     uint32_t done_status = 1;        // status in DONE_RESP
     int info_wording = 0;            // 0, 1, 2: three wordings of storage facts
     uint32_t max_payload = 0x100000; // largest raw payload the programmer takes

@@ -3,6 +3,7 @@
 // the target's last answer, or null.
 #pragma once
 
+#include "ravik.h"
 #include "tags/tags.h"
 
 namespace ravik {
@@ -29,6 +30,10 @@ xtags *do_restore(tagline *tag);
 xtags *do_wipe(tagline *tag);
 xtags *do_ufs(tagline *tag);
 xtags *do_flash(tagline *tag);
+
+// Commands whose work lives in modules still to come: they fail plainly
+// rather than reach the target as unknown orders.
+xtags *not_yet(tagline *tag);
 
 // The no-response rule: an exchange that left no document and no code has
 // timed out.

@@ -11,19 +11,6 @@
 
 namespace ravik {
 
-namespace {
-
-// Commands whose work lives in modules still to come: they fail plainly
-// rather than reach the target as unknown orders.
-xtags *not_yet(tagline *tag)
-{
-    RK_LOGE("'%s' is not supported by this build\n", tag->name);
-    set_error(ERR_NOT_SUPPORTED);
-    return nullptr;
-}
-
-} // namespace
-
 xtags *do_sleep(tagline *tag)
 {
     int32_t ms = tagline_geti(tag, "ms", 0);
@@ -126,9 +113,5 @@ xtags *do_restore(tagline *tag)
     return not_yet(tag);
 }
 
-xtags *do_storage(tagline *tag) { return not_yet(tag); }
-xtags *do_wipe(tagline *tag) { return not_yet(tag); }
-xtags *do_ufs(tagline *tag) { return not_yet(tag); }
-xtags *do_flash(tagline *tag) { return not_yet(tag); }
 
 } // namespace ravik

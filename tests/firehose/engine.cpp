@@ -420,3 +420,37 @@ TEST(ImageTransfer, ReadShrinksAndGrowsItsChunk)
         EXPECT_EQ(get_error() & 0xFF, ERR_BAD_PARAM);
     });
 }
+
+TEST(ImageTransfer, ReadOutlastsSixteenRefusals)
+{
+    fake_platform fake;
+    on_fresh_thread([&] {
+        end_of_session end;
+        bring_up(fake);
+        std::string out(64, '\0');
+        std::string disk(64, 'd');
+        for (int i = 0; i < 16; i++)
+            fake.push_bytes(nak());
+        fake.push_bytes(ack());
+        fake.push_bytes(disk);
+        fake.push_bytes(ack());
+        fake.written.clear();
+        firehose_do_fmt("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"8\" num_partition_sectors=\"4\" "
+                        "buffer=\"0x%lX\"",
+                        (unsigned long)(uintptr_t)out.data());
+        EXPECT_EQ(get_error(), 0);
+        EXPECT_EQ(out, disk);
+        // The chunk stays whole through refusals of the command.
+        for (auto &cmd : commands(fake.written))
+            EXPECT_NE(cmd.find("num_partition_sectors=\"4\""), std::string::npos) << cmd;
+        EXPECT_EQ(commands(fake.written).size(), 17u);
+
+        // The seventeenth refusal in a row ends it with the refusal's code.
+        for (int i = 0; i < 17; i++)
+            fake.push_bytes(nak());
+        firehose_do_fmt("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"8\" num_partition_sectors=\"4\" "
+                        "buffer=\"0x%lX\"",
+                        (unsigned long)(uintptr_t)out.data());
+        EXPECT_EQ(get_error() & 0xFF, ERR_NAK);
+    });
+}

@@ -290,3 +290,18 @@ TEST(FirehoseLink, InvalidateKeepsSettings)
         EXPECT_EQ(before->flags & FH_LOG_NAKS, 0u);
     });
 }
+
+TEST(FirehoseLink, LateAnswerIsTakenByTheNextCommand)
+{
+    fake_platform fake;
+    on_fresh_thread([&] {
+        end_of_session end;
+        wake(fake);
+        fake.push_idle(10); // one whole empty read: the first command times out
+        fake.push_bytes("<?xml version=\"1.0\" ?><data><response value=\"ACK\" late=\"yes\" /></data>");
+        EXPECT_EQ(fh_send_fmt("nop value=\"first\""), nullptr);
+        xtags *doc = fh_send_fmt("nop value=\"second\"");
+        ASSERT_NE(doc, nullptr);
+        EXPECT_STREQ(xtags_get(doc, "response", "late"), "yes");
+    });
+}

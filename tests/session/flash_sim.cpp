@@ -6,6 +6,7 @@
 
 #include <fstream>
 #include <map>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -57,6 +58,38 @@ const char *PACKAGE = "<package>\n  <programmer filename=\"programmer.elf\"/>\n"
                       "  <recipe filename=\"emmc.xml\" compatible=\"storage.type:eMMC\"/>\n"
                       "  <recipe filename=\"ufs.xml\" compatible=\"storage.type:UFS\"/>\n</package>\n";
 } // namespace
+
+// One session against a fresh simulated target.
+struct sim_run {
+    temp_cwd cwd;
+    ravik_sim::options o;
+    std::unique_ptr<ravik_sim::target> t;
+    event_log log;
+    int32_t code = -1;
+    std::string text; // all log lines the callback got
+
+    sim_run()
+    {
+        o.link = cwd.path() + "/target";
+        o.storage_dir = cwd.path() + "/storage";
+    }
+    void flash(const std::map<std::string, std::string> &entries, uint32_t flags = 0)
+    {
+        t = std::make_unique<ravik_sim::target>(o);
+        t->start();
+        std::map<std::string, std::string> all = entries;
+        all["programmer.elf"] = bytes_of(ravik_sim::demo_programmer());
+        if (!all.count("index.xml"))
+            all["index.xml"] = INDEX;
+        if (!all.count("package.xml"))
+            all["package.xml"] = PACKAGE;
+        make_container("demo.img", all);
+        on_fresh_thread([&] { code = rk_flash_singleimage(o.link.c_str(), "demo.img", flags, record_events, &log); });
+        for (auto &l : log.lines)
+            text += l;
+    }
+    std::vector<std::string> commands() const { return t->wire().commands(); }
+};
 
 TEST(SessionFlash, ProgramsBySectorOntoTheSimulatedTarget)
 {
@@ -152,10 +185,18 @@ TEST(SessionFlash, FailuresOfEachStageGiveTheirCodes)
     o.storage_dir = cwd.path() + "/storage";
     ravik_sim::target t(o);
     t.start();
+    event_log log;
     auto flash = [&](const char *image) {
         int32_t code = 0;
-        on_fresh_thread([&] { code = rk_flash_singleimage(o.link.c_str(), image, 0, nullptr, nullptr); });
+        log.lines.clear();
+        on_fresh_thread([&] { code = rk_flash_singleimage(o.link.c_str(), image, 0, record_events, &log); });
         return code;
+    };
+    auto logged = [&](const std::string &line) {
+        for (auto &l : log.lines)
+            if (l.size() >= line.size() && l.compare(l.size() - line.size(), line.size(), line) == 0)
+                return true;
+        return false;
     };
     // The greeting happens before the container is looked at.
     int32_t code = flash("missing.img");
@@ -164,9 +205,110 @@ TEST(SessionFlash, FailuresOfEachStageGiveTheirCodes)
 
     make_container("noboard.img", {{"index.xml", "<board id=\"7\" name=\"other\"/>"}});
     EXPECT_EQ(flash("noboard.img") & 0xFF, ERR_LOAD_PACKAGE);
+    EXPECT_TRUE(logged("] Failed identify board. Wrong package?\n"));
+    EXPECT_TRUE(logged("] ERROR: error loading package\n"));
 
     make_container("noprog.img", {{"index.xml", INDEX}, {"package.xml", PACKAGE}});
     EXPECT_EQ(flash("noprog.img") & 0xFF, ERR_LOAD_PROGRAMMER);
+}
+
+TEST(SessionFlash, EmmcRecipeWithImagesPatchAndBootableDrive)
+{
+    sim_run r;
+    std::string boot = pattern(3000, 1), system = pattern(5000, 2);
+    r.flash({{"boot.img", boot},
+             {"system.img", system},
+             {"emmc.xml", "<?xml version=\"1.0\"?>\n<recipe>\n"
+                          "  <configure SkipStorageInit=\"0\"/>\n"
+                          "  <program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" filename=\"boot.img\"\n"
+                          "           physical_partition_number=\"0\" start_sector=\"2048\"/>\n"
+                          "  <program SECTOR_SIZE_IN_BYTES=\"512\" label=\"system\" filename=\"system.img\" "
+                          "physical_partition_number=\"0\" start_sector=\"4096\"/>\n"
+                          "  <program SECTOR_SIZE_IN_BYTES=\"512\" label=\"vendor\" filename=\"vendor.img\" "
+                          "physical_partition_number=\"0\" start_sector=\"8192\"/>\n"
+                          "  <patch SECTOR_SIZE_IN_BYTES=\"512\" filename=\"DISK\" physical_partition_number=\"0\" "
+                          "start_sector=\"10\" byte_offset=\"4\" size_in_bytes=\"4\" value=\"0x11223344\" "
+                          "what=\"marker\"/>\n"
+                          "  <patch filename=\"gpt_main0.bin\" what=\"file patch\"/>\n"
+                          "  <setbootablestoragedrive value=\"1\"/>\n</recipe>\n"}});
+    ASSERT_EQ(r.code, 0) << r.text;
+    EXPECT_EQ(read_lun(*r.t, 0, 2048 * 512, 3072), boot + std::string(72, '\0'));
+    EXPECT_EQ(read_lun(*r.t, 0, 4096 * 512, 5120), system + std::string(120, '\0'));
+    EXPECT_EQ(read_lun(*r.t, 0, 10 * 512 + 4, 4), std::string("\x44\x33\x22\x11", 4));
+    EXPECT_NE(r.text.find("Patching DISK -- marker\n"), std::string::npos);
+    auto cmds = r.commands();
+    auto has = [&](const std::string &doc) {
+        for (auto &c : cmds)
+            if (c == doc)
+                return true;
+        return false;
+    };
+    EXPECT_TRUE(has("<?xml version=\"1.0\"?><data><configure SkipStorageInit=\"0\" Verbose=\"0\" ZlpAwareHost=\"1\" "
+                    "MemoryName=\"eMMC\" MaxPayloadSizeToTargetInBytes=\"1048576\"/></data>"));
+    EXPECT_TRUE(has("<?xml version=\"1.0\"?><data><setbootablestoragedrive value=\"1\"/></data>"));
+    for (auto &c : cmds)
+        EXPECT_EQ(c.find("vendor.img"), std::string::npos);
+    EXPECT_EQ(cmds.back(), "<?xml version=\"1.0\"?><data><power value=\"reset_to_fastboot\"/></data>");
+}
+
+TEST(SessionFlash, UfsLunWithFourKiBSectors)
+{
+    sim_run r;
+    r.o.storage = ravik_sim::storage_kind::ufs;
+    std::string image = pattern(10000, 3);
+    r.flash({{"img", image},
+             {"emmc.xml", "<print what=\"wrong road\"/>"},
+             {"ufs.xml", "<configure SkipStorageInit=\"0\"/><program SECTOR_SIZE_IN_BYTES=\"4096\" label=\"l\" "
+                         "filename=\"img\" physical_partition_number=\"2\" start_sector=\"16\"/>"}});
+    ASSERT_EQ(r.code, 0) << r.text;
+    EXPECT_EQ(r.text.find("wrong road"), std::string::npos);
+    EXPECT_NE(r.text.find("...UFS\n"), std::string::npos);
+    EXPECT_EQ(read_lun(*r.t, 2, 16 * 4096, 12288), image + std::string(2288, '\0'));
+    EXPECT_EQ(read_lun(*r.t, 0, 16 * 4096, 4096), std::string(4096, '\0'));
+}
+
+TEST(SessionFlash, OneByteAnswersAndASixtyFourKiBPayload)
+{
+    sim_run r;
+    r.o.fault.split = 1;
+    r.o.fault.split_pause_us = 0;
+    r.o.max_payload = 0x10000;
+    std::string image = pattern(200000, 4);
+    r.flash({{"boot.img", image},
+             {"emmc.xml", "<configure SkipStorageInit=\"0\"/><program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" "
+                          "filename=\"boot.img\" physical_partition_number=\"0\" start_sector=\"64\"/>"}},
+            DEVICE_FLAG_DEBUG);
+    ASSERT_EQ(r.code, 0) << r.text.substr(r.text.size() > 4000 ? r.text.size() - 4000 : 0);
+    EXPECT_EQ(read_lun(*r.t, 0, 64 * 512, image.size()), image);
+    int configures = 0;
+    for (auto &c : r.commands())
+        configures += c.find("<configure ") != std::string::npos;
+    EXPECT_EQ(configures, 2);
+    // Every raw chunk within the settled size.
+    std::vector<int> chunks;
+    for (size_t at = r.text.find("H->D: "); at != std::string::npos; at = r.text.find("H->D: ", at + 1)) {
+        int n = 0;
+        if (sscanf(r.text.c_str() + at, "H->D: %d bytes\n", &n) == 1)
+            chunks.push_back(n);
+    }
+    EXPECT_EQ(chunks, (std::vector<int>{65536, 65536, 65536, 3584})); // 200000 bytes padded to 200192
+}
+
+TEST(SessionFlash, UploadServesScrambledThirtyTwoBitRanges)
+{
+    sim_run r;
+    r.o.read64 = 0;
+    r.o.scramble_ranges = true;
+    r.o.sahara_chunk = 1000;
+    r.flash({{"emmc.xml", "<print what=\"up\"/>"}});
+    ASSERT_EQ(r.code, 0) << r.text;
+    auto reads = r.t->wire().of_kind("read-data");
+    int header_reads = 0;
+    for (auto &e : reads)
+        header_reads += e.text == "offset=0x0";
+    EXPECT_EQ(header_reads, 2);
+    ASSERT_FALSE(r.t->wire().of_kind("image").empty());
+    EXPECT_EQ(r.t->wire().of_kind("image")[0].text, "verified");
 }
 
 #endif
