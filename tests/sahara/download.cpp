@@ -182,3 +182,32 @@ TEST(SaharaDownload, TargetEndsAndAborts)
         }
     });
 }
+
+TEST(SaharaDownload, SwitchAndDoneExchangeFailures)
+{
+    fake_platform fake;
+    on_fresh_thread([&] {
+        end_of_session end;
+        ASSERT_EQ(device_open(), 0);
+        // The target does not greet after the switch.
+        device_setu("sahara.current_mode", 3);
+        std::string image = make_image(64);
+        int32_t code = sahara_download(image.data(), 64);
+        EXPECT_EQ(code & 0xFF, ERR_IO);
+        EXPECT_STREQ(format_error(code), "sahara_download()->change_mode()->do_hello()->IO error");
+
+        // Something other than DONE_RESP answers DONE.
+        device_setu("sahara.current_mode", 3);
+        capture cap;
+        logger_subscribe("cap", capture::fn, &cap);
+        fake.push_bytes(hello(0));
+        fake.push_bytes(end_image(0));
+        fake.push_bytes(read_data(0, 8));
+        EXPECT_EQ(sahara_download(image.data(), 64) & 0xFF, ERR_GENERAL);
+        bool logged = false;
+        for (auto &l : cap.lines)
+            logged |= l == "Unexpected command, expecting 6, got 3 instead.\n";
+        EXPECT_TRUE(logged);
+        logger_unsubscribe("cap");
+    });
+}

@@ -6,6 +6,7 @@
 
 #include "core/core.h"
 #include "link/device.h"
+#include "link/buffer.h"
 #include "link/properties.h"
 #include "sahara/sahara.h"
 #include "support/fake_platform.h"
@@ -256,5 +257,33 @@ TEST(SaharaGreeting, HostileAndBrokenAnswers)
         // A target status beyond the table still makes a one-byte code.
         EXPECT_EQ(run({end_image(0xFFFFFFFF)}), 255);
         EXPECT_STREQ(format_error(255), "Unknown sahara error");
+    });
+}
+
+TEST(SaharaGreeting, ShortPacketWriteAndBusyBuffer)
+{
+    fake_platform fake;
+    on_fresh_thread([&] {
+        end_of_session end;
+        ASSERT_EQ(device_open(), 0);
+        // The port takes only part of HELLO_RESP, on every pass.
+        for (int i = 0; i < 3; i++)
+            fake.push_bytes(hello(0));
+        fake.write_caps = {20, 20, 20};
+        EXPECT_EQ(sahara_greet_device() & 0xFF, ERR_IO);
+
+        // Another layer holds the transfer buffer: identification cannot run.
+        fake.clear_script();
+        device_unset("sahara.current_mode");
+        fake.push_bytes(hello(0));
+        fake.push_bytes(command_ready());
+        fake.push_bytes(exec_resp(1, 4));
+        ASSERT_EQ(__buffer_acquire(), 0);
+        capture c;
+        logger_subscribe("cap", capture::fn, &c);
+        EXPECT_EQ(sahara_greet_device() & 0xFF, ERR_GENERAL);
+        EXPECT_TRUE(c.has("*** BUFFER IN USE! BUFFER IN USE!! ***\n"));
+        logger_unsubscribe("cap");
+        __buffer_release();
     });
 }
