@@ -14,23 +14,7 @@ using namespace ravik;
 using namespace ravik::test;
 
 namespace {
-struct end_of_session {
-    ~end_of_session() { free_device(); }
-};
 
-struct capture {
-    std::vector<std::string> lines;
-    capture() { logger_subscribe("cap", fn, this); }
-    ~capture() { logger_unsubscribe("cap"); }
-    static void fn(const char *line, void *ctx) { static_cast<capture *>(ctx)->lines.push_back(std::string(line).substr(10)); }
-    bool has(const std::string &s) const
-    {
-        for (auto &l : lines)
-            if (l == s)
-                return true;
-        return false;
-    }
-};
 
 // Runs a package whose recipes are given, from a container in a temp dir.
 int32_t run_package(const std::string &package, const std::map<std::string, std::string> &files)
@@ -56,7 +40,7 @@ TEST(RecipeEngine, FilteredPackagesAndRecipes)
     on_fresh_thread([&] {
         end_of_session end;
         bring_up(fake);
-        capture c;
+        log_capture c;
         // Every recipe filtered out, and no recipe at all: the same end.
         int32_t code = run_package("<recipe filename=\"r.xml\" compatible=\"storage.type:UFS\"/>",
                                    {{"r.xml", "<print what=\"x\"/>"}});
@@ -88,7 +72,7 @@ TEST(RecipeEngine, FailuresAndIgnoreErrors)
     on_fresh_thread([&] {
         end_of_session end;
         bring_up(fake);
-        capture c;
+        log_capture c;
         // An unknown tag goes to the target as it stands; its NAK fails.
         fake.written.clear();
         fake.push_bytes(nak());
@@ -128,7 +112,7 @@ TEST(RecipeEngine, OneLineCommands)
     on_fresh_thread([&] {
         end_of_session end;
         bring_up(fake);
-        capture c;
+        log_capture c;
         firehose_do_fmt("print what=\"%s\"", "hello");
         EXPECT_EQ(get_error(), 0);
         EXPECT_TRUE(c.has("hello\n"));
@@ -180,7 +164,7 @@ TEST(TargetBringUp, QuestionsAndFallbacks)
     fake_platform fake;
     on_fresh_thread([&] {
         end_of_session end;
-        capture c;
+        log_capture c;
         device_open();
         device_set("cpu.name", "board");
         device_set_flag(DEVICE_FLAG_BNR);
@@ -204,7 +188,7 @@ TEST(TargetBringUp, QuestionsAndFallbacks)
     });
     on_fresh_thread([&] {
         end_of_session end;
-        capture c;
+        log_capture c;
         fake.clear_script();
         device_open();
         device_set_flag(DEVICE_FLAG_BNR);
@@ -241,7 +225,7 @@ TEST(TargetBringUp, ConfigureNegotiatesThePayload)
         end_of_session end;
         bring_up(fake);
         fake.written.clear();
-        capture c;
+        log_capture c;
         fake.push_bytes(nak("MaxPayloadSizeToTargetInBytes=\"65536\""));
         fake.push_bytes(ack("MaxPayloadSizeToTargetInBytesSupported=\"2097152\""));
         firehose_do_fmt("configure SkipStorageInit=\"0\"");
@@ -400,7 +384,7 @@ TEST(ImageTransfer, ReadShrinksAndGrowsItsChunk)
             at += count * 16;
         }
         fake.written.clear();
-        capture c;
+        log_capture c;
         firehose_do_fmt("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"100\" num_partition_sectors=\"64\" "
                         "buffer=\"0x%lX\"",
                         (unsigned long)(uintptr_t)out.data());

@@ -15,23 +15,7 @@ using namespace ravik;
 using namespace ravik::test;
 
 namespace {
-struct end_of_session {
-    ~end_of_session() { free_device(); }
-};
 
-struct capture {
-    std::vector<std::string> lines;
-    capture() { logger_subscribe("cap", fn, this); }
-    ~capture() { logger_unsubscribe("cap"); }
-    static void fn(const char *line, void *ctx) { static_cast<capture *>(ctx)->lines.push_back(std::string(line).substr(10)); }
-    int count(const std::string &s) const
-    {
-        int n = 0;
-        for (auto &l : lines)
-            n += l == s;
-        return n;
-    }
-};
 
 const std::string ACK = "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<response value=\"ACK\" />\n</data>";
 const std::string NAK = "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<response value=\"NAK\" />\n</data>";
@@ -62,7 +46,7 @@ TEST(FirehoseLink, WakeUpSettlesOnceAndSendsTheNop)
     fake_platform fake;
     on_fresh_thread([&] {
         end_of_session end;
-        capture c;
+        log_capture c;
         ASSERT_EQ(device_open(), 0);
         fake.push_bytes(ACK);
         fake.push_bytes(ACK);
@@ -86,7 +70,7 @@ TEST(FirehoseLink, NoCommandIsAMultipleOf512Bytes)
     on_fresh_thread([&] {
         end_of_session end;
         wake(fake);
-        capture c;
+        log_capture c;
         logger_set_level(LOG_DEBUG);
         // head (28) + "x v=\"" (5) + pad + "\"" (1) + tail (9)
         for (size_t total : {511u, 512u, 513u, 1024u}) {
@@ -127,7 +111,7 @@ TEST(FirehoseLink, NakIsAnAnswerWithItsLogLines)
     on_fresh_thread([&] {
         end_of_session end;
         wake(fake);
-        capture c;
+        log_capture c;
         fake.push_bytes(log_doc("bad sector") + log_doc("") + NAK);
         xtags *doc = fh_send_fmt("nop value=\"x\"");
         ASSERT_NE(doc, nullptr);
@@ -280,7 +264,7 @@ TEST(FirehoseLink, InvalidateKeepsSettings)
         fh_log_naks(false);
         fh *before = get_fh();
         fh_invalidate();
-        capture c;
+        log_capture c;
         fake.push_bytes(ACK);
         double t0 = fake.clock;
         EXPECT_EQ(get_fh(), before);

@@ -13,33 +13,13 @@
 using namespace ravik;
 using namespace ravik::test;
 
-namespace {
-// Ends the thread's session on every road out, so nothing hangs off the blocks.
-struct end_of_session {
-    ~end_of_session() { free_device(); }
-};
-
-struct capture {
-    std::vector<std::string> lines;
-    static void fn(const char *line, void *ctx) { static_cast<capture *>(ctx)->lines.push_back(line); }
-    bool has(const std::string &s) const
-    {
-        for (auto &l : lines)
-            if (l.find(s) != std::string::npos)
-                return true;
-        return false;
-    }
-};
-} // namespace
-
 TEST(DeviceRead, IdleLineGivesZeroAfterElevenSeconds)
 {
     fake_platform fake;
     on_fresh_thread([&] {
         end_of_session end;
         ASSERT_EQ(device_open(), 0);
-        capture c;
-        logger_subscribe("cap", capture::fn, &c);
+        log_capture c;
         set_error(ERR_NAK);
         double t0 = fake.clock;
         char buf[48];
@@ -48,7 +28,6 @@ TEST(DeviceRead, IdleLineGivesZeroAfterElevenSeconds)
         EXPECT_EQ(fake.read_calls, 10);
         EXPECT_NEAR(fake.clock - t0, 11.0, 1e-3);
         EXPECT_TRUE(c.lines.empty());
-        logger_unsubscribe("cap");
     });
 }
 
@@ -76,13 +55,11 @@ TEST(DeviceRead, VanishedPortLogsEveryAttempt)
         ASSERT_EQ(device_open(), 0);
         for (int i = 0; i < 10; i++)
             fake.push_read_error(EIO);
-        capture c;
-        logger_subscribe("cap", capture::fn, &c);
+        log_capture c;
         char buf[16];
         EXPECT_EQ(device_read(buf, sizeof(buf)), 0);
         ASSERT_EQ(c.lines.size(), 10u);
-        EXPECT_EQ(c.lines[0], "[  0.000] ReadFile() failed, GetLastError()=5\n");
-        logger_unsubscribe("cap");
+        EXPECT_EQ(c.lines[0], "ReadFile() failed, GetLastError()=5\n");
     });
 }
 
@@ -100,12 +77,10 @@ TEST(DeviceWrite, ShortZeroAndFailedWrites)
         EXPECT_STREQ(format_error(get_error()), "device_write()->IO error");
         fake.write_cap = UINT32_MAX;
         fake.write_error = EPIPE;
-        capture c;
-        logger_subscribe("cap", capture::fn, &c);
+        log_capture c;
         EXPECT_EQ(device_write("x", 1), 0);
         EXPECT_EQ(get_error() & 0xFF, ERR_IO);
-        EXPECT_TRUE(c.has("WriteFile() failed, GetLastError()=32\n"));
-        logger_unsubscribe("cap");
+        EXPECT_TRUE(c.contains("WriteFile() failed, GetLastError()=32\n"));
         EXPECT_EQ(fake.written, "abc");
     });
 }
@@ -117,16 +92,14 @@ TEST(DeviceIo, HexdumpFlagDumpsTrafficAtDebugLevel)
         end_of_session end;
         ASSERT_EQ(device_open(), 0);
         device_set_flag(DEVICE_FLAG_HEXDUMP | DEVICE_FLAG_DEBUG);
-        capture c;
-        logger_subscribe("cap", capture::fn, &c);
+        log_capture c;
         fake.push_bytes("ping");
         char buf[8];
         device_read(buf, sizeof(buf));
         device_write("pong", 4);
-        EXPECT_TRUE(c.has("Dumping 4 bytes read\n"));
-        EXPECT_TRUE(c.has("00000000  70 69 6e 67"));
-        EXPECT_TRUE(c.has("Dumping 4 bytes written\n"));
-        logger_unsubscribe("cap");
+        EXPECT_TRUE(c.contains("Dumping 4 bytes read\n"));
+        EXPECT_TRUE(c.contains("00000000  70 69 6e 67"));
+        EXPECT_TRUE(c.contains("Dumping 4 bytes written\n"));
     });
 }
 

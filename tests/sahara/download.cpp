@@ -16,9 +16,6 @@ using namespace ravik;
 using namespace ravik::test;
 
 namespace {
-struct end_of_session {
-    ~end_of_session() { free_device(); }
-};
 
 std::string make_image(size_t n)
 {
@@ -49,10 +46,6 @@ struct download_fixture {
     }
 };
 
-struct capture {
-    std::vector<std::string> lines;
-    static void fn(const char *line, void *ctx) { static_cast<capture *>(ctx)->lines.push_back(std::string(line).substr(10)); }
-};
 } // namespace
 
 TEST(SaharaDownload, ServesRangesInAnyOrderAndTwice)
@@ -118,8 +111,7 @@ TEST(SaharaDownload, RangesOutsideTheImageFail)
             end_of_session end;
             fake.clear_script();
             fake.written.clear();
-            capture cap;
-            logger_subscribe("cap", capture::fn, &cap);
+            log_capture cap;
             download_fixture d(fake);
             fake.push_bytes(k.request);
             int32_t code = d.run();
@@ -130,7 +122,6 @@ TEST(SaharaDownload, RangesOutsideTheImageFail)
             EXPECT_EQ(logged, k.logged);
             host_wire w = d.after_greeting();
             EXPECT_TRUE(w.done()); // not a byte of the image went out
-            logger_unsubscribe("cap");
         });
     }
 }
@@ -160,8 +151,7 @@ TEST(SaharaDownload, TargetEndsAndAborts)
         {
             fake.clear_script();
             fake.written.clear();
-            capture cap;
-            logger_subscribe("cap", capture::fn, &cap);
+            log_capture cap;
             download_fixture d(fake);
             fake.push_bytes(read_data(0, 10));
             fake.push_bytes(hello(0)); // the target restarted mid-transfer
@@ -170,7 +160,6 @@ TEST(SaharaDownload, TargetEndsAndAborts)
             for (auto &l : cap.lines)
                 logged |= l == "Unexpected command, expecting 3 or 18 or 4, got 1 instead.\n";
             EXPECT_TRUE(logged);
-            logger_unsubscribe("cap");
         }
         {
             fake.clear_script();
@@ -198,8 +187,7 @@ TEST(SaharaDownload, SwitchAndDoneExchangeFailures)
 
         // Something other than DONE_RESP answers DONE.
         device_setu("sahara.current_mode", 3);
-        capture cap;
-        logger_subscribe("cap", capture::fn, &cap);
+        log_capture cap;
         fake.push_bytes(hello(0));
         fake.push_bytes(end_image(0));
         fake.push_bytes(read_data(0, 8));
@@ -208,6 +196,5 @@ TEST(SaharaDownload, SwitchAndDoneExchangeFailures)
         for (auto &l : cap.lines)
             logged |= l == "Unexpected command, expecting 6, got 3 instead.\n";
         EXPECT_TRUE(logged);
-        logger_unsubscribe("cap");
     });
 }

@@ -17,21 +17,7 @@ using namespace ravik;
 using namespace ravik::test;
 
 namespace {
-struct end_of_session {
-    ~end_of_session() { free_device(); }
-};
 
-struct capture {
-    std::vector<std::string> lines;
-    static void fn(const char *line, void *ctx) { static_cast<capture *>(ctx)->lines.push_back(std::string(line).substr(10)); }
-    bool has(const std::string &s) const
-    {
-        for (auto &l : lines)
-            if (l == s)
-                return true;
-        return false;
-    }
-};
 
 std::string u32s(std::vector<uint32_t> v)
 {
@@ -63,8 +49,7 @@ TEST(SaharaGreeting, IdentifiesByHardwareIdWord)
     fake_platform fake;
     on_fresh_thread([&] {
         end_of_session end;
-        capture c;
-        logger_subscribe("cap", capture::fn, &c);
+        log_capture c;
         ASSERT_EQ(device_open(), 0);
         fake.push_bytes(hello(0, 3));
         fake.push_bytes(command_ready());
@@ -87,7 +72,6 @@ TEST(SaharaGreeting, IdentifiesByHardwareIdWord)
         expect_exec(w, 2, true);
         expect_exec(w, 7, true);
         EXPECT_TRUE(w.done());
-        logger_unsubscribe("cap");
     });
 }
 
@@ -132,8 +116,7 @@ TEST(SaharaGreeting, DebugRunReadsAndDumpsDebugData)
     on_fresh_thread([&] {
         end_of_session end;
         device_set_flag(DEVICE_FLAG_DEBUG);
-        capture c;
-        logger_subscribe("cap", capture::fn, &c);
+        log_capture c;
         ASSERT_EQ(device_open(), 0);
         fake.push_bytes(hello(0));
         fake.push_bytes(command_ready());
@@ -153,7 +136,6 @@ TEST(SaharaGreeting, DebugRunReadsAndDumpsDebugData)
         script_exec(fake, 6, "");
         ASSERT_EQ(sahara_greet_device(), 0);
         EXPECT_FALSE(c.has("Debug data dump follows\n"));
-        logger_unsubscribe("cap");
     });
 }
 
@@ -162,8 +144,7 @@ TEST(SaharaGreeting, FailedPassReopensAndSwitchesModeByCommand)
     fake_platform fake;
     on_fresh_thread([&] {
         end_of_session end;
-        capture c;
-        logger_subscribe("cap", capture::fn, &c);
+        log_capture c;
         ASSERT_EQ(device_open(), 0);
         // The target reports command mode and then answers wrongly.
         fake.push_bytes(hello(3));
@@ -180,7 +161,6 @@ TEST(SaharaGreeting, FailedPassReopensAndSwitchesModeByCommand)
         host_wire w{fake.written};
         EXPECT_EQ(w.next_packet(), words(2, {2, 2, 0, 3}, 48));
         EXPECT_EQ(w.next_packet(), words(12, {3}));
-        logger_unsubscribe("cap");
     });
 }
 
@@ -279,11 +259,9 @@ TEST(SaharaGreeting, ShortPacketWriteAndBusyBuffer)
         fake.push_bytes(command_ready());
         fake.push_bytes(exec_resp(1, 4));
         ASSERT_EQ(__buffer_acquire(), 0);
-        capture c;
-        logger_subscribe("cap", capture::fn, &c);
+        log_capture c;
         EXPECT_EQ(sahara_greet_device() & 0xFF, ERR_GENERAL);
         EXPECT_TRUE(c.has("*** BUFFER IN USE! BUFFER IN USE!! ***\n"));
-        logger_unsubscribe("cap");
         __buffer_release();
     });
 }

@@ -18,27 +18,11 @@ using namespace ravik;
 using namespace ravik::test;
 
 namespace {
-struct end_of_session {
-    ~end_of_session() { free_device(); }
-};
 
-struct capture {
-    std::vector<std::string> lines;
-    capture() { logger_subscribe("cap", fn, this); }
-    ~capture() { logger_unsubscribe("cap"); }
-    static void fn(const char *line, void *ctx) { static_cast<capture *>(ctx)->lines.push_back(std::string(line).substr(10)); }
-    bool has(const std::string &s) const
-    {
-        for (auto &l : lines)
-            if (l == s)
-                return true;
-        return false;
-    }
-};
 
 // Runs load_package for chip id `id` on a container of these entries; the
 // name of the first tag of the chosen package, or "" for none.
-std::string choose(uint32_t id, const std::map<std::string, std::string> &entries, capture &c)
+std::string choose(uint32_t id, const std::map<std::string, std::string> &entries, log_capture &c)
 {
     std::remove("c.img");
     simg *w = simg_open("c.img", SIMG_CREATE);
@@ -64,7 +48,7 @@ TEST(PackageSelection, BoardByIdAndPackageByFilter)
     temp_cwd cwd;
     on_fresh_thread([&] {
         end_of_session end;
-        capture c;
+        log_capture c;
         std::map<std::string, std::string> files = {
             {"index.xml", "<?xml version=\"1.0\"?>\n<index>\n<!-- boards -->\n"
                           "<board id=\"0x0BEE\" name=\"\"/>\n"

@@ -9,6 +9,8 @@
 
 #include <filesystem>
 
+#include "core/logger.h"
+#include "link/device.h"
 #include "ravik.h"
 
 namespace ravik::test {
@@ -60,6 +62,33 @@ int32_t record_events(int32_t event, void *payload, void *context)
     if (event == DEVICE_EVENT_FREE)
         log->free_names.push_back(static_cast<const char *>(payload));
     return 0;
+}
+
+end_of_session::~end_of_session() { free_device(); }
+
+log_capture::log_capture() { logger_subscribe("test-capture", on_line, this); }
+log_capture::~log_capture() { logger_unsubscribe("test-capture"); }
+
+void log_capture::on_line(const char *line, void *context)
+{
+    std::string s(line);
+    static_cast<log_capture *>(context)->lines.push_back(s.size() >= 10 ? s.substr(10) : s);
+}
+
+int log_capture::count(const std::string &line) const
+{
+    int n = 0;
+    for (auto &l : lines)
+        n += l == line;
+    return n;
+}
+
+bool log_capture::contains(const std::string &text) const
+{
+    for (auto &l : lines)
+        if (l.find(text) != std::string::npos)
+            return true;
+    return false;
 }
 
 } // namespace ravik::test

@@ -35,4 +35,28 @@ struct event_log {
 };
 int32_t record_events(int32_t event, void *payload, void *context);
 
+// Ends the thread's session on every road out of a test, so nothing hangs
+// off the per-thread blocks when the thread ends.
+struct end_of_session {
+    ~end_of_session();
+};
+
+// Subscribes to the thread's log for its lifetime; keeps each line without
+// its "[%7.3f] " stamp.
+class log_capture {
+  public:
+    log_capture();
+    ~log_capture();
+    log_capture(const log_capture &) = delete;
+    log_capture &operator=(const log_capture &) = delete;
+    std::vector<std::string> lines;
+    bool has(const std::string &line) const { return count(line) > 0; }
+    int count(const std::string &line) const;
+    // Some line holds `text` anywhere.
+    bool contains(const std::string &text) const;
+
+  private:
+    static void on_line(const char *line, void *context);
+};
+
 } // namespace ravik::test
