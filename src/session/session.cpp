@@ -109,7 +109,9 @@ extern "C" RK_API int32_t rk_flash_singleimage(const char *device, const char *i
 
     if (code != 0) {
         RK_LOGE("ERROR: %s\n", format_error(code));
-        if (device_has_flag(DEVICE_FLAG_SAVE_LOG))
+        // Without a device object there are no flags to ask; asking would
+        // make one that nothing ends.
+        if (dev && device_has_flag(DEVICE_FLAG_SAVE_LOG))
             RK_LOGI("Check ravik_log.txt for more details\n");
     } else {
         // A target that refuses to reboot still had a good flash.
