@@ -31,6 +31,15 @@ xtags *do_wipe(tagline *tag);
 xtags *do_ufs(tagline *tag);
 xtags *do_flash(tagline *tag);
 
+struct simg;
+// The nested run of a container within a container: its first compatible
+// package, with input switched to it for the length of the run.
+xtags *find_first_package(simg *handle);
+int32_t flash_simg(simg *handle);
+// Reset, wait for the port, upload the programmer again from input; the
+// link wakes again at its next use.
+int32_t power_cycle();
+
 // Commands whose work lives in modules still to come: they fail plainly
 // rather than reach the target as unknown orders.
 xtags *not_yet(tagline *tag);

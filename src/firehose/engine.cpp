@@ -28,6 +28,23 @@ int32_t on_event(int32_t event, void *, void *context)
     return 0;
 }
 
+// The ufs tags staged for a commit belong to their recipe document: they
+// leave the list when it goes, so the list never points into freed memory.
+void release_recipe(xtags *recipe)
+{
+    if (!recipe)
+        return;
+    list_head *heads[] = {&recipe->lines, &recipe->dropped};
+    for (list_head *head : heads)
+        list_for_each_safe(it, tmp, head)
+        {
+            tagline *tag = list_entry(it, tagline, link);
+            if (tag->aux_link.next)
+                list_del(&tag->aux_link);
+        }
+    xtags_free(recipe);
+}
+
 xtags *do_command(tagline *tag)
 {
     struct route {
@@ -51,6 +68,8 @@ xtags *do_command(tagline *tag)
     set_error(no_response_code(doc, get_error()));
     return doc;
 }
+
+} // namespace
 
 xtags *do_recipe(xtags *doc)
 {
@@ -113,7 +132,7 @@ xtags *do_package(xtags *doc)
             break;
         }
         loaded = filename;
-        xtags_free(recipe);
+        release_recipe(recipe);
         recipe = xtags_create();
         if (!recipe) {
             RK_LOGE("Out of memory!\n");
@@ -142,12 +161,10 @@ xtags *do_package(xtags *doc)
     }
     if (loaded)
         simg_unload(input, loaded);
-    xtags_free(recipe);
+    release_recipe(recipe);
     set_error(__add_context("do_package", code));
     return last;
 }
-
-} // namespace
 
 firehose_module *get_firehose()
 {
@@ -252,7 +269,7 @@ xtags *firehose_do_fmt(const char *fmt, ...)
         response = firehose_do(doc);
         code = get_error();
     }
-    xtags_free(doc);
+    release_recipe(doc);
     set_error(__add_context("firehose_do_fmt", code));
     return response;
 }

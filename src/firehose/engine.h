@@ -33,5 +33,9 @@ void firehose_do_pkg(xtags *package);
 // One command, formatted printf style without its envelope.
 xtags *firehose_do_fmt(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 int32_t apply_filters(xtags *doc);
+// The walks below firehose_do, without its filtering: a nested container's
+// package runs through do_package directly.
+xtags *do_package(xtags *doc);
+xtags *do_recipe(xtags *doc);
 
 } // namespace ravik

@@ -233,6 +233,12 @@ int32_t fh_invalidate()
     return 0;
 }
 
+xtags *fh_last_response()
+{
+    auto *link = static_cast<fh *>(device_getp(FH_KEY, nullptr));
+    return link ? link->response : nullptr;
+}
+
 double fh_read_latency(double seconds)
 {
     fh *link = get_fh();

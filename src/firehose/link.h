@@ -62,6 +62,8 @@ xtags *fh_read_resp();
 bool fh_check_ack();
 // The next operation wakes the link again.
 int32_t fh_invalidate();
+// The last answer, without waking the link; null when there is no link.
+xtags *fh_last_response();
 // The value before the call; above 0 sets a new one.
 double fh_read_latency(double seconds);
 void fh_log_naks(bool enabled);
