@@ -12,10 +12,6 @@ using namespace ravik::test;
 
 namespace {
 
-struct end_of_session {
-    ~end_of_session() { free_device(); }
-};
-
 // The raw bytes that followed the nth command in the wire.
 std::string raw_after(const std::string &wire, size_t nth)
 {

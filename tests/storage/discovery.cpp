@@ -13,23 +13,6 @@ using namespace ravik::test;
 
 namespace {
 
-struct end_of_session {
-    ~end_of_session() { free_device(); }
-};
-
-struct capture {
-    std::vector<std::string> lines;
-    capture() { logger_subscribe("cap", fn, this); }
-    ~capture() { logger_unsubscribe("cap"); }
-    static void fn(const char *line, void *ctx) { static_cast<capture *>(ctx)->lines.push_back(std::string(line).substr(10)); }
-    bool has(const std::string &s) const
-    {
-        for (auto &l : lines)
-            if (l == s)
-                return true;
-        return false;
-    }
-};
 
 // One LUN answered with the given lines, and a blank LBA 1.
 int32_t discover_with(fake_platform &fake, const std::vector<std::string> &lines, uint32_t blksz = 512,
@@ -72,7 +55,7 @@ TEST(StorageDiscovery, WordingsDecideTheBase)
     on_fresh_thread([&] {
         end_of_session end;
         bring_up(fake);
-        capture c;
+        log_capture c;
         ASSERT_EQ(discover_with(fake,
                                 {"SECTOR_SIZE_IN_BYTES=4096", "num_physical_partitions=1", "num_partition_sectors=1000",
                                  "UFS Inquiry Command Output: SIMDISK  UFS  0100"},
@@ -121,7 +104,7 @@ TEST(StorageDiscovery, LimitsAndFailuresFreeTheRecord)
     on_fresh_thread([&] {
         end_of_session end;
         bring_up(fake);
-        capture c;
+        log_capture c;
         // Nine LUNs are too many.
         fake.push_bytes(ack());
         fake.push_bytes(answer("value=\"ACK\"", info_lines(0, 512, 9, 100)));
@@ -222,7 +205,7 @@ TEST(StorageDiscovery, RediscoveryKeepsBlockSizeButNotPartitions)
         EXPECT_EQ(configures, 1);
 
         // The dump at the end of the session.
-        capture c;
+        log_capture c;
         device_broadcast(DEVICE_EVENT_SAVE_LOGS, nullptr);
         EXPECT_TRUE(c.has("STORAGE {\n"));
         EXPECT_TRUE(c.has("  type = \"UFS\",\n"));

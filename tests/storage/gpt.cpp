@@ -12,10 +12,6 @@ using namespace ravik::test;
 
 namespace {
 
-struct end_of_session {
-    ~end_of_session() { free_device(); }
-};
-
 // One LUN of 1000 sectors of 4096 bytes, without a table.
 void blank_lun(fake_platform &fake)
 {
