@@ -233,16 +233,21 @@ class console {
                 text += s->device.substr(s->device.rfind('/') + 1) + " ";
             double total = s->running ? seconds_since(s->start) : s->seconds;
             text += s->stage;
-            if (s->running)
-                text += " " + fmt_seconds(seconds_since(s->stage_start));
-            text += " (" + fmt_seconds(total) + ")";
+            if (s->running) {
+                text += ' ';
+                text += fmt_seconds(seconds_since(s->stage_start));
+            }
+            text += " (";
+            text += fmt_seconds(total);
+            text += ')';
         }
         // A status line that wraps could no longer be taken back with \r.
         struct winsize ws {};
         size_t width = ioctl(STDERR_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 1 ? ws.ws_col - 1 : 79;
         if (text.size() > width)
             text.resize(width);
-        fputs(("\r\033[K" + text).c_str(), stderr);
+        fputs("\r\033[K", stderr);
+        fputs(text.c_str(), stderr);
         fflush(stderr);
         shown_ = true;
     }
