@@ -325,7 +325,7 @@ std::vector<std::string> holders_of(const struct stat &dev)
 
 // The library only says it could not open the device; find out why, in
 // words a user can act on.
-std::string diagnose_open(const std::string &path, bool path_given_twice)
+std::string diagnose_open(const std::string &path)
 {
     struct stat st;
     if (stat(path.c_str(), &st) != 0) {
@@ -368,8 +368,6 @@ std::string diagnose_open(const std::string &path, bool path_given_twice)
         list += (list.empty() ? "" : ", ") + w;
     if (!list.empty())
         return "device busy: " + path + " is held by process " + list;
-    if (path_given_twice)
-        return "device busy: " + path + " is given more than once";
     return "device busy: " + path + " is held by another process";
 }
 
@@ -416,6 +414,12 @@ int parse(int argc, char **argv, options &o)
         } else
             pos.push_back(a);
     }
+    // A second session on a port only disturbs the first one's greeting.
+    for (size_t i = 0; i < o.devices.size(); i++)
+        if (std::find(o.devices.begin(), o.devices.begin() + (long)i, o.devices[i]) != o.devices.begin() + (long)i) {
+            fail_line("flash: " + o.devices[i] + " is given more than once");
+            return EXIT_FLASH_USAGE;
+        }
     if (o.devices.empty() && pos.size() == 2) {
         o.devices.push_back(pos[0]);
         o.image = pos[1];
@@ -508,7 +512,7 @@ int run_flash(int argc, char **argv)
     int status = EXIT_OK;
     for (auto &s : all) {
         if (s.code != 0 && (s.code & 0xFF) == ERR_OPEN_DEVICE)
-            s.diagnosis = diagnose_open(s.device, std::count(o.devices.begin(), o.devices.end(), s.device) > 1);
+            s.diagnosis = diagnose_open(s.device);
         if (s.code != 0 && status == EXIT_OK)
             status = (s.code & 0xFF) != 0 ? (s.code & 0xFF) : EXIT_FAIL;
         if (o.verbosity > 0) {
