@@ -20,6 +20,7 @@ constexpr int EXIT_USAGE = 2;
 // Prints "ravik: " + what on stderr, as one line.
 void fail_line(const std::string &what);
 
+extern const subcommand flash_command;
 extern const subcommand simg_command;
 
 } // namespace ravik::cli

@@ -12,6 +12,7 @@ namespace {
 
 // A new subcommand goes into its own file and gets one line here.
 const subcommand *const commands[] = {
+    &flash_command,
     &simg_command,
 };
 

@@ -9,7 +9,8 @@ trap 'rm -rf "$work"' EXIT
 prefix="$work/prefix"
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
-for f in include/ravik.h lib/libravik.so lib/pkgconfig/ravik.pc lib/cmake/ravik/ravikConfig.cmake; do
+for f in include/ravik.h lib/libravik.so lib/pkgconfig/ravik.pc lib/cmake/ravik/ravikConfig.cmake \
+         bin/ravik bin/ravik-sim share/man/man1/ravik.1; do
     [ -e "$prefix/$f" ] || { echo "missing $f"; exit 1; }
 done
 soname="$(readelf -d "$prefix/lib/libravik.so" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')"

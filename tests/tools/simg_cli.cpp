@@ -146,7 +146,7 @@ TEST(SimgCli, BadInputIsOneLineAndNonZero)
     write_file("not.img", std::string(1000, 'n'));
     write_file("ok.img", simg_bytes({{"a", "1"}}));
 
-    expect_failure({"flash"}, 2, "unknown command");
+    expect_failure({"frobnicate"}, 2, "unknown command");
     expect_failure({"simg", "frob"}, 2, "unknown action");
     expect_failure({"simg", "list"}, 2, "usage: ravik simg list IMG");
     expect_failure({"simg", "list", "a", "b"}, 2, "usage");
