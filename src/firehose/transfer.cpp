@@ -4,6 +4,7 @@
 #include <cstring>
 #include <strings.h>
 
+#include "backup/bnr.h"
 #include "container/container.h"
 #include "core/core.h"
 #include "firehose/commands.h"
@@ -85,6 +86,8 @@ xtags *do_program(tagline *tag)
                 RK_LOGD("%s not found, skipping\n", filename);
                 break;
             }
+            // About to change: its old contents must not be restored over the new.
+            bnr_skip(label);
             char size_text[64];
             RK_LOGI("Flashing partition %s with %s (%s)\n", label, filename,
                     humanize_r(simg_find(input, filename)->size, size_text, sizeof(size_text)));

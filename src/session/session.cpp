@@ -119,6 +119,9 @@ extern "C" RK_API int32_t rk_flash_singleimage(const char *device, const char *i
         device_clr_flag(DEVICE_FLAG_SAVE_LOG);
     }
     RK_LOGI("Total time: %.3fs\n", now() - start);
+    // May ask for the log to be saved, also after a session without error.
+    if (dev && device_has_flag(DEVICE_FLAG_BNR))
+        bnr_review();
 
     locals.release();
     if (dev)

@@ -3,6 +3,7 @@
 // or program command that carries the caller's buffer by its address.
 #include <cstring>
 
+#include "backup/bnr.h"
 #include "core/core.h"
 #include "firehose/engine.h"
 #include "storage/gpt.h"
@@ -236,9 +237,13 @@ uint32_t pt_write(pt *p, const void *buf, uint32_t length)
         code = ERR_BAD_PARAM;
     else if (length > p->size - p->pos)
         code = ERR_RANGE;
-    else if (length != 0 && storage_write(p->lun, p->offset + p->pos, buf, length) != length)
-        code = get_error();
-    else
+    if (code == 0 && length != 0) {
+        // New contents: the old ones must not be restored over them.
+        bnr_skip(p->name);
+        if (storage_write(p->lun, p->offset + p->pos, buf, length) != length)
+            code = get_error();
+    }
+    if (code == 0)
         p->pos += length;
     RK_SET_ERROR(code);
     return code == 0 ? length : 0;
@@ -280,6 +285,7 @@ int32_t pt_erase(pt *p)
 {
     if (!p)
         RK_RETURN(ERR_BAD_PARAM);
+    bnr_skip(p->name);
     mem_guard<uint8_t> zeros(static_cast<uint8_t *>(mem_zalloc(ERASE_CHUNK)));
     if (!zeros.p)
         RK_RETURN(ERR_NO_MEMORY);

@@ -1,0 +1,223 @@
+// Backup and restore against a scripted programmer: sizes the backup refuses,
+// secure targets, and every allocation failing in turn.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "backup/bnr.h"
+#include "storage/script.h"
+#include "support/helpers.h"
+
+using namespace ravik;
+using namespace ravik::test;
+
+namespace {
+
+constexpr uint64_t NEEDS_BNR = 1ull << 5;
+
+std::string pattern(size_t n, int seed)
+{
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; i++)
+        s[i] = (char)(i * 7 + seed);
+    return s;
+}
+
+std::vector<std::string> backup_files()
+{
+    std::vector<std::string> out;
+    for (auto &e : std::filesystem::directory_iterator("."))
+        if (e.path().filename().string().rfind("backup_0x", 0) == 0)
+            out.push_back(e.path().filename().string());
+    return out;
+}
+
+std::vector<std::string> entry_names(const std::string &path)
+{
+    std::vector<std::string> out;
+    simg *h = simg_open(path.c_str(), 0);
+    for (int32_t i = 0; h && i < h->num_entries; i++)
+        out.push_back(h->entries[i].name);
+    simg_close(h);
+    return out;
+}
+
+// persist is 4 KiB at sector 64 of an eMMC LUN, then the given partition,
+// then one more marked partition that the backup must not reach.
+gpt_bytes layout_with(const gpt_part &bad)
+{
+    return make_gpt({{"persist", 64, 71, NEEDS_BNR}, bad, {"after", 200, 207, NEEDS_BNR}}, 512, 8ull << 20);
+}
+
+} // namespace
+
+TEST(BackupScripted, ZeroBytesOrTwoGibibytesEndTheBackup)
+{
+    const gpt_part bad[] = {{"empty", 72, 71, NEEDS_BNR}, {"huge", 300, 300 + (2ull << 30) / 512 - 1, NEEDS_BNR}};
+    for (const gpt_part &p : bad) {
+        SCOPED_TRACE(p.name);
+        temp_cwd cwd;
+        fake_platform fake;
+        on_fresh_thread([&] {
+            end_of_session end;
+            bring_up(fake);
+            device_set_flag(DEVICE_FLAG_BNR);
+            log_capture c;
+            push_discovery(fake, 512, {{8ull << 20, layout_with(p)}});
+            std::string old = pattern(4096, 3);
+            fake.push_bytes(raw_ack());
+            fake.push_bytes(old);
+            firehose_do_fmt("backup commit=\"1\"");
+            int32_t code = get_error();
+            EXPECT_EQ(code & 0xFF, ERR_RANGE);
+            EXPECT_TRUE(c.has("...partition size out of range!\n"));
+            bnr *b = bnr_find();
+            ASSERT_NE(b, nullptr);
+            EXPECT_EQ(b->backup_error & 0xFF, ERR_RANGE);
+            ASSERT_EQ(b->num_entries, 3);
+            EXPECT_EQ(b->entries[0].flags, (uint32_t)BNR_BACKUP_TRIED);
+            EXPECT_EQ(b->entries[1].flags, (uint32_t)(BNR_BACKUP_TRIED | BNR_BACKUP_FAILED));
+            EXPECT_EQ(b->entries[2].flags, 0u);
+            // Only one dump went out: nothing of the bad partition was read.
+            EXPECT_EQ(attr_of(fake.written, "dump", "label").size(), 3u); // header, array, persist
+            std::string path = b->simg->path;
+            bnr_review();
+            EXPECT_TRUE(device_has_flag(DEVICE_FLAG_SAVE_LOG));
+            EXPECT_TRUE(c.has("  2) ./" + path + "\n"));
+        });
+        auto files = backup_files();
+        ASSERT_EQ(files.size(), 1u);
+        EXPECT_EQ(entry_names(files[0]), (std::vector<std::string>{"persist.img"}));
+    }
+}
+
+TEST(BackupScripted, SecureTargetTurnsBackupOffUnlessForced)
+{
+    if (bnr_is_forced())
+        GTEST_SKIP() << "forced mode was turned on earlier in this process";
+    temp_cwd cwd;
+    fake_platform fake;
+    on_fresh_thread([&] {
+        end_of_session end;
+        device_set_flag(DEVICE_FLAG_BNR);
+        bring_up(fake, "1");
+        EXPECT_FALSE(device_has_flag(DEVICE_FLAG_BNR));
+        firehose_do_fmt("backup name=\"persist\" commit=\"1\"");
+        EXPECT_EQ(get_error(), 0);
+        firehose_do_fmt("restore why=\"x\"");
+        EXPECT_EQ(get_error(), 0);
+        EXPECT_EQ(bnr_find(), nullptr);
+        EXPECT_EQ(fake.written, "");
+    });
+    EXPECT_TRUE(backup_files().empty());
+
+    rk_enable_forced_bnr();
+    fake.clear_script();
+    on_fresh_thread([&] {
+        end_of_session end;
+        device_set_flag(DEVICE_FLAG_BNR);
+        bring_up(fake, "1");
+        EXPECT_TRUE(device_has_flag(DEVICE_FLAG_BNR));
+        push_discovery(fake, 512, {{8ull << 20, make_gpt({{"persist", 64, 71}}, 512, 8ull << 20)}});
+        fake.push_bytes(raw_ack());
+        fake.push_bytes(std::string(4096, 'p'));
+        firehose_do_fmt("backup name=\"persist\" commit=\"1\" ignore_gpt=\"true\"");
+        EXPECT_EQ(get_error(), 0);
+    });
+    auto files = backup_files();
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(entry_names(files[0]),
+              (std::vector<std::string>{"persist.img", "index.xml", "package.xml", "flashall.xml"}));
+}
+
+namespace {
+
+struct alloc_run {
+    int32_t backup_code = -1, restore_code = -1;
+    uint64_t allocations = 0; // from the failure point on
+    std::vector<std::string> files;
+    std::vector<bool> valid;
+};
+
+// Backup with the programmer and the restore, with allocation n failing.
+// In a directory that holds "in.img"; leaves it as it found it.
+alloc_run run_with_failure(uint64_t n)
+{
+    alloc_run out;
+    fake_platform fake;
+    on_fresh_thread([&] {
+        end_of_session end;
+        simg *input = simg_open("in.img", 0);
+        bring_up(fake);
+        device_set_flag(DEVICE_FLAG_BNR);
+        device_set("sahara.programmer", "p.elf");
+        firehose_set_input(input);
+        push_discovery(fake, 512, {{8ull << 20, make_gpt({{"persist", 64, 71, NEEDS_BNR}}, 512, 8ull << 20)}});
+        fake.push_bytes(raw_ack());
+        fake.push_bytes(pattern(4096, 5));
+        for (int i = 0; i < 2; i++) { // the erase, the write
+            fake.push_bytes(raw_ack());
+            fake.push_bytes(ack());
+        }
+        uint64_t start = mem_alloc_count();
+        mem_fail_nth(n);
+        firehose_do_fmt("backup commit=\"1\"");
+        out.backup_code = get_error();
+        firehose_do_fmt("restore why=\"x\"");
+        out.restore_code = get_error();
+        bnr_review();
+        mem_fail_nth(0);
+        out.allocations = mem_alloc_count() - start;
+        firehose_set_input(nullptr);
+        simg_close(input);
+    });
+    out.files = backup_files();
+    // On a thread of its own, so the reader's per-thread blocks go with it.
+    on_fresh_thread([&] {
+        for (auto &f : out.files) {
+            simg *h = simg_open(f.c_str(), 0);
+            out.valid.push_back(h != nullptr);
+            simg_close(h);
+            std::remove(f.c_str());
+        }
+    });
+    return out;
+}
+
+} // namespace
+
+TEST(BackupScripted, EveryAllocationFailingInTurn)
+{
+    // The files are thrown away with their directory: no need to wait for
+    // the disk on every entry.
+    simg_io().fdatasync = [](int) { return 0; };
+    temp_cwd cwd;
+    test_container made("in.img", {{"p.elf", "PROGRAMMER"}});
+    alloc_run clean = run_with_failure(0);
+    const uint64_t allocations = clean.allocations;
+    ASSERT_EQ(clean.backup_code, 0);
+    ASSERT_EQ(clean.restore_code, 0);
+    // A clean backup and restore leave nothing behind.
+    ASSERT_TRUE(clean.files.empty());
+    int64_t outstanding = mem_outstanding();
+    int no_memory = 0, kept = 0;
+    for (uint64_t n = 1; n <= allocations + 2; n++) {
+        SCOPED_TRACE(n);
+        alloc_run r = run_with_failure(n);
+        int low = r.backup_code & 0xFF;
+        EXPECT_TRUE(r.backup_code == 0 || (low >= ERR_GENERAL && low <= ERR_NOT_STARTED)) << r.backup_code;
+        // A restore never fails the recipe; the engine may, before the command runs.
+        EXPECT_TRUE(r.restore_code == 0 || (r.restore_code & 0xFF) == ERR_NO_MEMORY) << r.restore_code;
+        no_memory += low == ERR_NO_MEMORY;
+        EXPECT_LE(r.files.size(), 1u);
+        for (bool v : r.valid)
+            EXPECT_TRUE(v);
+        kept += !r.files.empty();
+        EXPECT_EQ(mem_outstanding(), outstanding);
+    }
+    simg_io_reset();
+    EXPECT_GT(no_memory, 0);
+    EXPECT_GT(kept, 0);
+}
