@@ -23,7 +23,9 @@ exported="$(nm -D --defined-only "$prefix/lib/libravik.so" | awk '{print $3}' | 
 # loader's business here, not what is being checked.
 export ASAN_OPTIONS="${ASAN_OPTIONS:-}:verify_asan_link_order=0:detect_leaks=0"
 extra=""
-if nm -D "$prefix/lib/libravik.so" | grep -q __asan_init; then extra="-fsanitize=address,undefined"; fi
+# Not grep -q: it would stop reading early and fail the pipeline under pipefail,
+# and a caller built without the sanitizer runtime can hang in the library.
+if nm -D "$prefix/lib/libravik.so" | grep __asan_init >/dev/null; then extra="-fsanitize=address,undefined"; fi
 
 cd "$work"
 export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"

@@ -21,7 +21,9 @@ grep -q rk_flash_singleimage "$work/flash_one.c" || { echo "no C example in READ
 
 export ASAN_OPTIONS="${ASAN_OPTIONS:-}:verify_asan_link_order=0:detect_leaks=0"
 extra=""
-if nm -D "$prefix/lib/libravik.so" | grep -q __asan_init; then extra="-fsanitize=address,undefined"; fi
+# Not grep -q: it would stop reading early and fail the pipeline under pipefail,
+# and a caller built without the sanitizer runtime can hang in the library.
+if nm -D "$prefix/lib/libravik.so" | grep __asan_init >/dev/null; then extra="-fsanitize=address,undefined"; fi
 cd "$work"
 export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
 cc -Wall -Wextra -Werror $extra -o pc_flash_one flash_one.c $(pkg-config --cflags --libs ravik) \
