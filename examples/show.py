@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Shows what landed on a simulated target: the GPT of every LUN, read back
 from the simulator's LUN files and checked, and for each image the recipe
-programmed, whether the bytes at its start sector are the image's bytes.
+flashed, whether its partition starts with the image's bytes and holds
+zeros behind them.
 
 usage: show.py STORAGE_DIR CONTAINER_DIR [RECIPE]
 
@@ -89,22 +90,27 @@ def main():
                     f" {human((p['end'] - p['start'] + 1) * SECTOR):>9}  {', '.join(flags)}")
             print(line.rstrip())
 
-    print("Images the recipe programmed, checked on the target:")
-    for tag in ET.parse(recipe).getroot().iter("program"):
-        lun = int(tag.get("physical_partition_number"), 0)
-        start = int(tag.get("start_sector"), 0)
+    print("Images the recipe flashed, checked on the target:")
+    for tag in ET.parse(recipe).getroot().iter("flash"):
+        name = tag.get("partition")
         image = tag.get("filename")
         with open(os.path.join(container, image), "rb") as f:
             want = f.read()
+        # The highest LUN holding the name wins, as on the host.
+        found = [(lun, p) for lun, parts in sorted(tables.items()) for p in parts if p["name"] == name]
+        if not found:
+            ok = False
+            print(f"  {name:<8} no such partition  MISMATCH")
+            continue
+        lun, part = found[-1]
+        size = (part["end"] - part["start"] + 1) * SECTOR
         with open(os.path.join(storage, f"lun{lun}.img"), "rb") as f:
-            got = read_at(f, start * SECTOR, len(want))
-        part = next((p["name"] for p in tables.get(lun, []) if p["start"] == start), None)
-        verdict = "ok" if got == want and part == tag.get("label") else "MISMATCH"
-        if part != tag.get("label"):
-            verdict += f" (sector {start} of LUN {lun} starts {part or 'no partition'})"
-        ok &= verdict == "ok"
-        print(f"  {tag.get('label'):<8} LUN {lun} sector {start:>5}  {image:<11} {human(len(want)):>9}"
-              f"  crc32 {zlib.crc32(want):08x} -> {zlib.crc32(got):08x}  {verdict}")
+            got = read_at(f, part["start"] * SECTOR, size)
+        landed = got[:len(want)] == want and got[len(want):].count(0) == size - len(want)
+        verdict = "ok" if landed else "MISMATCH"
+        ok &= landed
+        print(f"  {name:<8} LUN {lun} sector {part['start']:>5}  {image:<11} {human(len(want)):>9}"
+              f"  crc32 {zlib.crc32(want):08x} -> {zlib.crc32(got[:len(want)]):08x}  {verdict}")
     print("Everything landed where the recipe put it." if ok else "Something did not land.")
     return 0 if ok else 1
 

@@ -34,6 +34,7 @@ int32_t on_event(int32_t event, void *payload, void *context);
 void free_fh(fh *link)
 {
     free_response(link);
+    mem_free(link->carry);
     for (pbr &slot : link->pbrs) {
         mem_free(slot.pattern);
         xtags_free(slot.doc);
@@ -228,8 +229,12 @@ bool fh_check_ack()
 int32_t fh_invalidate()
 {
     fh *link = get_fh();
-    if (link)
+    if (link) {
         link->ready = 0;
+        // A new programmer owes nothing of what the old one said.
+        mem_free(link->carry);
+        link->carry = nullptr;
+    }
     return 0;
 }
 

@@ -41,6 +41,9 @@ struct fh {
     xtags *response;
     pbr pbrs[FH_PBR_SLOTS];
     pbr *exact_pbr;
+    // What came behind a raw-mode answer in the same read: the start of the
+    // next answer, such as the final one of a program of 0 sectors.
+    char *carry;
 };
 
 // The answers known in a fixed form.

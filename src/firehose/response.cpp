@@ -70,6 +70,19 @@ int32_t add_pbr(fh *link, const pbr *expected)
     RK_RETURN(code);
 }
 
+// Keeps what follows the document that holds `at`, for the next answer.
+void keep_behind(fh *link, const char *at)
+{
+    const char *end = strstr(at, "</data>");
+    if (!end)
+        return;
+    end += strlen("</data>");
+    if (*end) {
+        mem_free(link->carry);
+        link->carry = mem_strdup(end);
+    }
+}
+
 xtags *match_pbr(fh *link, const char *text)
 {
     for (pbr &slot : link->pbrs) {
@@ -81,7 +94,10 @@ xtags *match_pbr(fh *link, const char *text)
             hit = strcmp(text, slot.pattern) == 0;
             break;
         case PBR_SUBSTRING:
-            hit = strstr(text, slot.pattern) != nullptr;
+            if (const char *at = strstr(text, slot.pattern)) {
+                keep_behind(link, at);
+                hit = true;
+            }
             break;
         case PBR_REGEX:
             if (regex_match(slot.pattern, text))
@@ -136,8 +152,19 @@ xtags *read_response(fh *link, const pbr *expected)
     }
     if (code == 0) {
         int32_t limit = link->exact_pbr ? link->exact_pbr->size : 0;
+        // Bytes kept from the last answer's read come first and are tested
+        // before anything is read.
+        bool carried = false;
+        if (link->carry) {
+            carried = buffer_printf("%s", link->carry) > 0;
+            mem_free(link->carry);
+            link->carry = nullptr;
+            if (limit && buffer_avail() >= limit)
+                limit = 0;
+        }
         for (;;) {
-            int32_t n = buffer_read(limit);
+            int32_t n = carried ? buffer_avail() : buffer_read(limit);
+            carried = false;
             if (n == 0) {
                 code = get_error();
                 // A full buffer stays full however long one waits.

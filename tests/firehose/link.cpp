@@ -289,3 +289,34 @@ TEST(FirehoseLink, LateAnswerIsTakenByTheNextCommand)
         EXPECT_STREQ(xtags_get(doc, "response", "late"), "yes");
     });
 }
+
+TEST(FirehoseLink, AnswerBehindARawModeAnswerIsKeptForTheNextRead)
+{
+    fake_platform fake;
+    on_fresh_thread([&] {
+        end_of_session end;
+        wake(fake);
+        xtags *cmd = xtags_create();
+        ASSERT_EQ(xtags_parse(cmd, "<program SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"0\" />"), 0);
+        tagline *line = list_entry(cmd->lines.next, tagline, link);
+        // A program of 0 sectors: the target answers twice in one burst.
+        std::string raw = "<?xml version=\"1.0\" ?><data>\n" + std::string(RAWMODE_START2) + "\n</data>";
+        fake.push_bytes(raw.substr(0, 3));
+        fake.push_bytes(raw.substr(3) + log_doc("done") + ACK);
+        ASSERT_NE(fh_send_and_switch_to_raw(line), nullptr);
+        double t0 = fake.clock;
+        xtags *final_answer = fh_read_resp();
+        ASSERT_NE(final_answer, nullptr);
+        EXPECT_EQ(names(final_answer), (std::vector<std::string>{"log", "response"}));
+        EXPECT_TRUE(fh_check_ack());
+        EXPECT_EQ(fake.clock, t0); // nothing had to be waited for
+        // A new programmer is owed nothing of the old one's words.
+        fake.push_bytes(raw + ACK);
+        ASSERT_NE(fh_send_and_switch_to_raw(line), nullptr);
+        fh_invalidate();
+        fake.push_bytes(ACK); // the wake-up nop
+        EXPECT_NE(get_fh(), nullptr);
+        EXPECT_EQ(fh_read_resp(), nullptr);
+        xtags_free(cmd);
+    });
+}
