@@ -7,31 +7,13 @@
 
 #include <filesystem>
 
+#include "backup/backup_files.h"
 #include "storage/sim_session.h"
 
 using namespace ravik;
 using namespace ravik::test;
 
 namespace {
-
-std::vector<std::string> backup_files()
-{
-    std::vector<std::string> out;
-    for (auto &e : std::filesystem::directory_iterator("."))
-        if (e.path().filename().string().rfind("backup_0x1A2B3C4D_", 0) == 0)
-            out.push_back(e.path().filename().string());
-    return out;
-}
-
-std::vector<std::string> entry_names(const std::string &path)
-{
-    std::vector<std::string> out;
-    simg *h = simg_open(path.c_str(), 0);
-    for (int32_t i = 0; h && i < h->num_entries; i++)
-        out.push_back(h->entries[i].name);
-    simg_close(h);
-    return out;
-}
 
 std::string entry_data(const std::string &path, const char *name)
 {
@@ -103,7 +85,7 @@ TEST(BackupSim, MarkedPartitionComesBackFlashedOneKeepsItsImage)
     EXPECT_EQ(s.text.find("Restoring bootloader_"), std::string::npos);
     EXPECT_EQ(s.text.find("hiccups"), std::string::npos);
     // A clean backup and restore leave neither the file nor a log.
-    EXPECT_TRUE(backup_files().empty());
+    EXPECT_TRUE(backup_files("backup_0x1A2B3C4D_").empty());
     EXPECT_FALSE(file_exists("ravik_log.txt"));
 }
 
@@ -114,7 +96,7 @@ TEST(BackupSim, KeptFileIsAFlashableImageOfTheSavedPartitions)
     sim_session &s = r.s;
     ASSERT_EQ(s.code, 0) << s.text;
     EXPECT_EQ(s.text.find("hiccups"), std::string::npos);
-    auto files = backup_files();
+    auto files = backup_files("backup_0x1A2B3C4D_");
     ASSERT_EQ(files.size(), 1u);
     const std::string file = files[0];
     EXPECT_EQ(entry_names(file),
@@ -157,7 +139,7 @@ TEST(BackupSim, KeptFileIsAFlashableImageOfTheSavedPartitions)
     EXPECT_TRUE(s.lun(0).substr(r.persist.offset, r.persist.size) == r.old_persist);
     EXPECT_TRUE(s.lun(1).substr(r.bla.offset, r.bla.size) == r.old_bla);
     EXPECT_TRUE(s.lun(2).substr(r.blb.offset, r.blb.size) == r.old_blb);
-    EXPECT_EQ(backup_files(), std::vector<std::string>{file});
+    EXPECT_EQ(backup_files("backup_0x1A2B3C4D_"), std::vector<std::string>{file});
 }
 
 // Every kind of trouble: the session may well return 0, but the file stays,
@@ -187,7 +169,7 @@ TEST(BackupSim, FailedBackupKeepsWhatWasSaved)
     EXPECT_EQ(s.count("Backing up huge\n"), 1u);
     EXPECT_EQ(s.count("...partition size out of range!\n"), 1u);
     EXPECT_EQ(s.count("...no backup, skipping!\n"), 1u);
-    auto files = backup_files();
+    auto files = backup_files("backup_0x1A2B3C4D_");
     ASSERT_EQ(files.size(), 1u);
     // Stored before the failure, whole; no documents after it.
     EXPECT_EQ(entry_names(files[0]), (std::vector<std::string>{"programmer.elf", "persist.img"}));
@@ -203,7 +185,7 @@ TEST(BackupSim, RestoreThatNeverRan)
     sim_session s;
     s.flash({{"run.xml", "<backup commit=\"1\"/>\n<print what=\"no restore\"/>\n"}}, "", DEVICE_FLAG_BNR);
     ASSERT_EQ(s.code, 0) << s.text;
-    auto files = backup_files();
+    auto files = backup_files("backup_0x1A2B3C4D_");
     ASSERT_EQ(files.size(), 1u);
     EXPECT_EQ(entry_names(files[0]).size(), 5u); // programmer, persist, three documents
     expect_kept_with_log(s, files[0]);
@@ -228,7 +210,7 @@ TEST(BackupSim, RestoreThatFailedForOnePartition)
     EXPECT_EQ(s.count("Restoring persist\n"), 1u);
     EXPECT_EQ(s.count("...partition too small, skipping\n"), 1u);
     EXPECT_EQ(find_part(s.lun(0), 4096, "persist").offset, persist.offset);
-    auto files = backup_files();
+    auto files = backup_files("backup_0x1A2B3C4D_");
     ASSERT_EQ(files.size(), 1u);
     // The only copy of bootloader_a's old contents.
     EXPECT_TRUE(entry_data(files[0], "bootloader_a.img") == old);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "backup/backup_files.h"
 #include "backup/bnr.h"
 #include "storage/script.h"
 #include "support/helpers.h"
@@ -23,25 +24,6 @@ std::string pattern(size_t n, int seed)
     for (size_t i = 0; i < n; i++)
         s[i] = (char)(i * 7 + seed);
     return s;
-}
-
-std::vector<std::string> backup_files()
-{
-    std::vector<std::string> out;
-    for (auto &e : std::filesystem::directory_iterator("."))
-        if (e.path().filename().string().rfind("backup_0x", 0) == 0)
-            out.push_back(e.path().filename().string());
-    return out;
-}
-
-std::vector<std::string> entry_names(const std::string &path)
-{
-    std::vector<std::string> out;
-    simg *h = simg_open(path.c_str(), 0);
-    for (int32_t i = 0; h && i < h->num_entries; i++)
-        out.push_back(h->entries[i].name);
-    simg_close(h);
-    return out;
 }
 
 // persist is 4 KiB at sector 64 of an eMMC LUN, then the given partition,
