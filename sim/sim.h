@@ -119,7 +119,7 @@ struct options {
     uint32_t max_payload_supported = 0; // reported on configure; 0: max_payload
     int reset_delay_ms = 100;        // after the power ACK, before the port goes
     int reboot_ms = 200;             // off time of a reset
-    bool come_back = true;           // after "off" or "reset_to_fastboot" return in EDL
+    bool come_back = true;           // after "off" or "reset_to_fastboot" come back in emergency download mode
     faults fault;
 };
 
