@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
@@ -268,8 +269,11 @@ void storage::open(const std::string &dir, unsigned luns, uint32_t blksz, uint64
     dir_ = dir;
     blksz_ = blksz;
     lun_bytes_ = lun_bytes / blksz * blksz;
-    if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
-        throw std::runtime_error("mkdir " + dir + ": " + std::strerror(errno));
+    // Parents too: several targets share one directory, each in its own.
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
+    if (ec)
+        throw std::runtime_error("mkdir " + dir + ": " + ec.message());
     auto parts = parse_layout(layout);
     for (unsigned lun = 0; lun < luns; lun++) {
         std::string p = path(lun);

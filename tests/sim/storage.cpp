@@ -263,4 +263,16 @@ TEST(SimStorage, ContentsOutliveTheTarget)
     EXPECT_EQ(g.parts[0].name, "firmware");
 }
 
+TEST(SimStorage, StorageDirectoryIsMadeWithItsParents)
+{
+    sandbox box;
+    box.target->stop();
+    ravik_sim::options o;
+    o.link = box.dir + "/deep-tty";
+    o.storage_dir = box.dir + "/a/b/c";
+    ravik_sim::target t(o);
+    t.start();
+    EXPECT_EQ(slurp(t.lun_path(0)).size(), t.lun_bytes());
+}
+
 #endif
