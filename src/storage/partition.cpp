@@ -249,34 +249,36 @@ uint32_t pt_write(pt *p, const void *buf, uint32_t length)
     return code == 0 ? length : 0;
 }
 
-uint32_t lun_read(int32_t lun, void *buf, uint32_t length)
+namespace {
+// What reading and writing a LUN share: the range rule, the transfer at the
+// LUN's position, and moving on by what was done.
+template <typename transfer>
+int32_t lun_transfer(int32_t lun, uint32_t length, transfer io)
 {
     lun_record *l = get_lun(lun);
-    int32_t code = 0;
     if (!l)
-        code = get_error();
-    else if (length > l->size - l->pos)
-        code = ERR_RANGE;
-    else if (length != 0 && storage_read(lun, l->pos, buf, length) != length)
-        code = get_error();
-    else
-        l->pos += length;
+        return get_error();
+    if (length > l->size - l->pos)
+        return ERR_RANGE;
+    if (length != 0 && io(l->pos) != length)
+        return get_error();
+    l->pos += length;
+    return 0;
+}
+} // namespace
+
+uint32_t lun_read(int32_t lun, void *buf, uint32_t length)
+{
+    int32_t code =
+        lun_transfer(lun, length, [&](uint64_t pos) { return storage_read(lun, pos, buf, length); });
     RK_SET_ERROR(code);
     return code == 0 ? length : 0;
 }
 
 uint32_t lun_write(int32_t lun, const void *buf, uint32_t length)
 {
-    lun_record *l = get_lun(lun);
-    int32_t code = 0;
-    if (!l)
-        code = get_error();
-    else if (length > l->size - l->pos)
-        code = ERR_RANGE;
-    else if (length != 0 && storage_write(lun, l->pos, buf, length) != length)
-        code = get_error();
-    else
-        l->pos += length;
+    int32_t code =
+        lun_transfer(lun, length, [&](uint64_t pos) { return storage_write(lun, pos, buf, length); });
     RK_SET_ERROR(code);
     return code == 0 ? length : 0;
 }

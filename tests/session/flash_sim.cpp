@@ -93,39 +93,25 @@ struct sim_run {
 
 TEST(SessionFlash, ProgramsBySectorOntoTheSimulatedTarget)
 {
-    temp_cwd cwd;
-    ravik_sim::options o;
-    o.link = cwd.path() + "/target";
-    o.storage_dir = cwd.path() + "/storage";
-    ravik_sim::target t(o);
-    t.start();
-
+    sim_run r;
     std::string boot = pattern(3000, 5);
-    make_container("demo.img", {{"index.xml", INDEX},
-                                {"package.xml", PACKAGE},
-                                {"programmer.elf", bytes_of(ravik_sim::demo_programmer())},
-                                {"boot.img", boot},
-                                {"emmc.xml", "<recipe>\n<configure SkipStorageInit=\"0\"/>\n"
-                                             "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" filename=\"boot.img\" "
-                                             "physical_partition_number=\"0\" start_sector=\"2048\"/>\n"
-                                             "<print what=\"done\"/>\n</recipe>\n"},
-                                {"ufs.xml", "<print what=\"never\"/>"}});
-    event_log log;
-    int32_t code = 0;
-    on_fresh_thread([&] { code = rk_flash_singleimage(o.link.c_str(), "demo.img", 0, record_events, &log); });
-    std::string all;
-    for (auto &l : log.lines)
-        all += l;
-    ASSERT_EQ(code, 0) << all;
+    r.flash({{"boot.img", boot},
+             {"emmc.xml", "<recipe>\n<configure SkipStorageInit=\"0\"/>\n"
+                          "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" filename=\"boot.img\" "
+                          "physical_partition_number=\"0\" start_sector=\"2048\"/>\n"
+                          "<print what=\"done\"/>\n</recipe>\n"},
+             {"ufs.xml", "<print what=\"never\"/>"}});
+    const std::string &all = r.text;
+    ASSERT_EQ(r.code, 0) << all;
     EXPECT_NE(all.find("...cpu.id  = 3054 (0xbee)\n"), std::string::npos) << all;
     EXPECT_NE(all.find("...filename = package.xml\n"), std::string::npos);
     EXPECT_NE(all.find("] done\n"), std::string::npos);
     EXPECT_EQ(all.find("never"), std::string::npos);
-    EXPECT_EQ(read_lun(t, 0, 2048 * 512, 3072), boot + std::string(72, '\0'));
-    auto images = t.wire().of_kind("image");
+    EXPECT_EQ(read_lun(*r.t, 0, 2048 * 512, 3072), boot + std::string(72, '\0'));
+    auto images = r.t->wire().of_kind("image");
     ASSERT_FALSE(images.empty());
     EXPECT_EQ(images[0].text, "verified");
-    auto cmds = t.wire().commands();
+    auto cmds = r.commands();
     ASSERT_FALSE(cmds.empty());
     EXPECT_NE(cmds.back().find("power value=\"reset_to_fastboot\""), std::string::npos);
 }
