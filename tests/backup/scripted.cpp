@@ -1,5 +1,5 @@
-// Backup and restore against a scripted programmer: sizes the backup refuses,
-// secure targets, and every allocation failing in turn.
+// Backup and restore against a scripted programmer: sizes the backup refuses
+// and secure targets.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -112,94 +112,4 @@ TEST(BackupScripted, SecureTargetTurnsBackupOffUnlessForced)
     ASSERT_EQ(files.size(), 1u);
     EXPECT_EQ(entry_names(files[0]),
               (std::vector<std::string>{"persist.img", "index.xml", "package.xml", "flashall.xml"}));
-}
-
-namespace {
-
-struct alloc_run {
-    int32_t backup_code = -1, restore_code = -1;
-    uint64_t allocations = 0; // from the failure point on
-    std::vector<std::string> files;
-    std::vector<bool> valid;
-};
-
-// Backup with the programmer and the restore, with allocation n failing.
-// In a directory that holds "in.img"; leaves it as it found it.
-alloc_run run_with_failure(uint64_t n)
-{
-    alloc_run out;
-    fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
-        simg *input = simg_open("in.img", 0);
-        bring_up(fake);
-        device_set_flag(DEVICE_FLAG_BNR);
-        device_set("sahara.programmer", "p.elf");
-        firehose_set_input(input);
-        push_discovery(fake, 512, {{8ull << 20, make_gpt({{"persist", 64, 71, NEEDS_BNR}}, 512, 8ull << 20)}});
-        fake.push_bytes(raw_ack());
-        fake.push_bytes(pattern(4096, 5));
-        for (int i = 0; i < 2; i++) { // the erase, the write
-            fake.push_bytes(raw_ack());
-            fake.push_bytes(ack());
-        }
-        uint64_t start = mem_alloc_count();
-        mem_fail_nth(n);
-        firehose_do_fmt("backup commit=\"1\"");
-        out.backup_code = get_error();
-        firehose_do_fmt("restore why=\"x\"");
-        out.restore_code = get_error();
-        bnr_review();
-        mem_fail_nth(0);
-        out.allocations = mem_alloc_count() - start;
-        firehose_set_input(nullptr);
-        simg_close(input);
-    });
-    out.files = backup_files();
-    // On a thread of its own, so the reader's per-thread blocks go with it.
-    on_fresh_thread([&] {
-        for (auto &f : out.files) {
-            simg *h = simg_open(f.c_str(), 0);
-            out.valid.push_back(h != nullptr);
-            simg_close(h);
-            std::remove(f.c_str());
-        }
-    });
-    return out;
-}
-
-} // namespace
-
-TEST(BackupScripted, EveryAllocationFailingInTurn)
-{
-    // The files are thrown away with their directory: no need to wait for
-    // the disk on every entry.
-    simg_io().fdatasync = [](int) { return 0; };
-    temp_cwd cwd;
-    test_container made("in.img", {{"p.elf", "PROGRAMMER"}});
-    alloc_run clean = run_with_failure(0);
-    const uint64_t allocations = clean.allocations;
-    ASSERT_EQ(clean.backup_code, 0);
-    ASSERT_EQ(clean.restore_code, 0);
-    // A clean backup and restore leave nothing behind.
-    ASSERT_TRUE(clean.files.empty());
-    int64_t outstanding = mem_outstanding();
-    int no_memory = 0, kept = 0;
-    for (uint64_t n = 1; n <= allocations + 2; n++) {
-        SCOPED_TRACE(n);
-        alloc_run r = run_with_failure(n);
-        int low = r.backup_code & 0xFF;
-        EXPECT_TRUE(r.backup_code == 0 || (low >= ERR_GENERAL && low <= ERR_NOT_STARTED)) << r.backup_code;
-        // A restore never fails the recipe; the engine may, before the command runs.
-        EXPECT_TRUE(r.restore_code == 0 || (r.restore_code & 0xFF) == ERR_NO_MEMORY) << r.restore_code;
-        no_memory += low == ERR_NO_MEMORY;
-        EXPECT_LE(r.files.size(), 1u);
-        for (bool v : r.valid)
-            EXPECT_TRUE(v);
-        kept += !r.files.empty();
-        EXPECT_EQ(mem_outstanding(), outstanding);
-    }
-    simg_io_reset();
-    EXPECT_GT(no_memory, 0);
-    EXPECT_GT(kept, 0);
 }
