@@ -127,7 +127,7 @@ class engine {
     std::vector<uint8_t> in_;
     size_t in_pos_ = 0;
     phase vanished_ = phase::none; // the one vanish fault, once done
-    bool raw_vanish_armed_ = false;
+    int vanish_passed_ = 0;
 
     // Programmer state, lost at every reset.
     bool configured_ = false;

@@ -137,12 +137,16 @@ void engine::serve()
             if (lower(f.tag) != name)
                 continue;
             int &seen = fault_seen_[name];
-            if (seen >= f.count)
+            if (seen >= f.skip + f.count)
                 continue;
-            seen++;
+            if (seen++ < f.skip)
+                break;
             faulted = true;
             if (f.what == tag_fault::kind::silence) {
                 wire.add("fault", "silence " + name);
+            } else if (f.what == tag_fault::kind::vanish) {
+                wire.add("fault", "vanish " + name);
+                throw vanishing{};
             } else {
                 wire.add("fault", "nak " + name);
                 nak("injected failure");
@@ -386,7 +390,7 @@ void engine::do_program(const command &c)
     std::vector<uint8_t> buf(std::min<uint64_t>(IO_CHUNK, std::max<uint64_t>(total, 1)));
     uint64_t done = 0;
     size_t held = 0;
-    bool ok = true;
+    bool ok = true, halfway = false;
     while (done + held < total) {
         size_t want = (size_t)std::min<uint64_t>(buf.size() - held, total - done - held);
         held += read_some(buf.data() + held, want);
@@ -395,8 +399,10 @@ void engine::do_program(const command &c)
             done += held;
             held = 0;
         }
-        if (done + held >= total / 2 && total > 0)
+        if (!halfway && done + held >= total / 2 && total > 0) {
+            halfway = true;
             check_vanish(phase::raw_in);
+        }
     }
     wire.add("raw-in", printf_s("lun=%u start=%llu", lun, (unsigned long long)start), total);
     if (!ok) {
@@ -445,6 +451,7 @@ void engine::do_dump(const command &c)
     const uint64_t base = start * store.blksz();
     std::vector<uint8_t> buf;
     uint64_t done = 0;
+    bool halfway = false;
     while (done < total) {
         uint8_t req[8];
         read_exact(req, sizeof req);
@@ -462,8 +469,10 @@ void engine::do_dump(const command &c)
             std::memset(buf.data(), 0, n);
         write_all(buf.data(), n);
         done += n;
-        if (done >= total / 2 && done < total)
+        if (!halfway && done >= total / 2 && done < total) {
+            halfway = true;
             check_vanish(phase::raw_out);
+        }
     }
     // A dump ends with its data: no final answer.
     wire.add("raw-out", printf_s("lun=%u start=%llu", lun, (unsigned long long)start), total);

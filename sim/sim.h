@@ -29,10 +29,11 @@ enum class phase {
 };
 
 struct tag_fault {
-    enum class kind { nak, silence };
+    enum class kind { nak, silence, vanish };
     std::string tag;  // command name, case ignored
     kind what = kind::nak;
     int count = 1;    // the first count commands of that tag get the fault
+    int skip = 0;     // ... after this many of them went through untouched
 };
 
 struct faults {
@@ -42,6 +43,7 @@ struct faults {
     std::string stray;         // bytes written in front of every answer document
     phase vanish_at = phase::none;
     int vanish_ms = 500;       // how long a vanished port stays away; < 0: for good
+    int vanish_skip = 0;       // times vanish_at is passed by before the port goes
     int boot_delay_ms = 0;     // a powered-on target shows its port this late
     int hello_delay_ms = 0;    // time from the host's open to HELLO
     int programmer_start_ms = 0; // a started programmer ignores input this long

@@ -265,6 +265,8 @@ void engine::check_vanish(phase at)
 {
     if (opt.fault.vanish_at != at || vanished_ != phase::none)
         return;
+    if (vanish_passed_++ < opt.fault.vanish_skip)
+        return;
     vanished_ = at;
     wire.add("fault", "vanish");
     throw vanishing{};

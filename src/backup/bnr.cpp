@@ -120,7 +120,12 @@ int32_t run_backup(bnr *b, bool ignore_gpt)
             RK_LOGE("...failed to read partition!\n");
             return code;
         }
-        snprintf(e.image_name, sizeof(e.image_name), "%s.img", e.name);
+        // Copied by hand: a print from one field of the entry into another
+        // trips the overlap check of some builds.
+        static_assert(sizeof(e.image_name) >= BNR_NAME_MAX + sizeof(".img"));
+        size_t len = strnlen(e.name, sizeof(e.name) - 1);
+        memcpy(e.image_name, e.name, len);
+        memcpy(e.image_name + len, ".img", sizeof(".img"));
         if (!simg_store(b->simg, data.p, size, e.image_name)) {
             RK_LOGE("...failed to save partition!\n");
             return get_error();

@@ -4,74 +4,18 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <map>
 #include <string>
 
 #include "backup/backup_files.h"
-#include "container/container.h"
 #include "core/core.h"
 #include "ravik.h"
-#include "sahara/target_script.h"
-#include "storage/script.h"
-#include "support/fake_platform.h"
+#include "session/scripted_session.h"
 #include "support/helpers.h"
 
 using namespace ravik;
 using namespace ravik::test;
 
 namespace {
-
-const std::string PROGRAMMER(100, 'p');
-constexpr uint64_t NEEDS_BNR = 1ull << 5;
-
-void make_demo(const char *path)
-{
-    std::remove(path);
-    std::map<std::string, std::string> entries = {
-        {"index.xml", "<board id=\"0x0BEE\" name=\"b\" storage.type=\"eMMC\"/><package filename=\"package.xml\"/>"},
-        {"package.xml", "<programmer filename=\"p.elf\"/><recipe filename=\"r.xml\"/>"},
-        {"p.elf", PROGRAMMER},
-        {"boot.img", std::string(1000, 'b')},
-        {"r.xml", "<configure SkipStorageInit=\"0\"/><backup commit=\"1\"/>"
-                  "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" filename=\"boot.img\" "
-                  "physical_partition_number=\"0\" start_sector=\"8\"/><restore why=\"flashed\"/>"}};
-    simg *w = simg_open(path, SIMG_CREATE);
-    for (auto &[name, data] : entries)
-        simg_store(w, data.data(), data.size(), name.c_str());
-    simg_close(w);
-}
-
-// Everything a good target says in one session, in order.
-void script_target(fake_platform &fake)
-{
-    std::string sn;
-    le32(sn, 0x1234);
-    le32(sn, 0x0BEE);
-    fake.push_bytes(hello(0));
-    fake.push_bytes(command_ready());
-    fake.push_bytes(exec_resp(1, 8));
-    fake.push_bytes(sn);
-    fake.push_bytes(hello(0));
-    fake.push_bytes(read_data(0, (uint32_t)PROGRAMMER.size()));
-    fake.push_bytes(end_image(0));
-    fake.push_bytes(done_resp(1));
-    fake.push_bytes(ack());                            // nop
-    fake.push_bytes(ack("cpu.ver=\"1\""));             // getvar cpu.ver
-    fake.push_bytes(ack("cpu.vername=\"v1\""));        // getvar cpu.vername
-    fake.push_bytes(ack("secure=\"0\""));              // getvar secure
-    push_discovery(fake, 512,                          // configure, storage facts, tables
-                   {{8ull << 20, make_gpt({{"persist", 64, 71, NEEDS_BNR}}, 512, 8ull << 20)}});
-    fake.push_bytes(raw_ack());                        // the backup's dump
-    fake.push_bytes(std::string(4096, 's'));
-    fake.push_bytes(ack());
-    fake.push_bytes(raw_ack());                        // program
-    fake.push_bytes(ack());                            // its final answer
-    for (int i = 0; i < 2; i++) {                      // the restore's erase and write
-        fake.push_bytes(raw_ack());
-        fake.push_bytes(ack());
-    }
-    fake.push_bytes(ack());                            // power
-}
 
 struct run {
     int32_t code = -1;
@@ -85,7 +29,7 @@ run run_session(uint64_t fail_at)
 {
     run r;
     fake_platform fake;
-    script_target(fake);
+    script_target(fake, true, true);
     on_fresh_thread([&] {
         mem_fail_nth(fail_at);
         r.code = rk_flash_singleimage("dev", "demo.img", DEVICE_FLAG_BNR, nullptr, nullptr);
@@ -97,7 +41,7 @@ run run_session(uint64_t fail_at)
         if (erase == std::string::npos && c.rfind("program ", 0) == 0 && c.find("start_sector=\"64\"") != c.npos)
             erase = fake.written.find(c);
     r.erased = erase != std::string::npos;
-    r.erased_unrestored = r.erased && fake.written.find(std::string(4096, 's'), erase) == std::string::npos;
+    r.erased_unrestored = r.erased && fake.written.find(PERSIST, erase) == std::string::npos;
     // On a thread of its own, so the reader's per-thread blocks go with it.
     on_fresh_thread([&] {
         for (auto &f : backup_files()) {

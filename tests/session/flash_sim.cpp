@@ -8,7 +8,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "container/container.h"
@@ -114,53 +113,6 @@ TEST(SessionFlash, ProgramsBySectorOntoTheSimulatedTarget)
     auto cmds = r.commands();
     ASSERT_FALSE(cmds.empty());
     EXPECT_NE(cmds.back().find("power value=\"reset_to_fastboot\""), std::string::npos);
-}
-
-TEST(SessionFlash, ParallelSessionsOnTwoTargets)
-{
-    temp_cwd cwd;
-    ravik_sim::options oa, ob;
-    oa.link = cwd.path() + "/a";
-    oa.storage_dir = cwd.path() + "/sa";
-    ob.link = cwd.path() + "/b";
-    ob.storage_dir = cwd.path() + "/sb";
-    ob.id.serial = 0x55AA55AA;
-    ravik_sim::target a(oa), b(ob);
-    a.start();
-    b.start();
-    std::string boot = pattern(4096, 9);
-    make_container("demo.img", {{"index.xml", INDEX},
-                                {"package.xml", PACKAGE},
-                                {"programmer.elf", bytes_of(ravik_sim::demo_programmer())},
-                                {"boot.img", boot},
-                                {"emmc.xml", "<configure SkipStorageInit=\"0\"/><program SECTOR_SIZE_IN_BYTES=\"512\" "
-                                             "label=\"boot\" filename=\"boot.img\" "
-                                             "physical_partition_number=\"0\" start_sector=\"100\"/>"}});
-    event_log log_a, log_b;
-    int32_t code_a = -1, code_b = -1;
-    std::thread ta([&] {
-        code_a = rk_flash_singleimage(oa.link.c_str(), "demo.img", DEVICE_FLAG_DEBUG, record_events, &log_a);
-    });
-    std::thread tb([&] { code_b = rk_flash_singleimage(ob.link.c_str(), "demo.img", 0, record_events, &log_b); });
-    ta.join();
-    tb.join();
-    EXPECT_EQ(code_a, 0);
-    EXPECT_EQ(code_b, 0);
-    EXPECT_EQ(read_lun(a, 0, 100 * 512, 4096), boot);
-    EXPECT_EQ(read_lun(b, 0, 100 * 512, 4096), boot);
-    // Each session logged only its own target, at its own level.
-    std::string all_a, all_b;
-    for (auto &l : log_a.lines)
-        all_a += l;
-    for (auto &l : log_b.lines)
-        all_b += l;
-    EXPECT_NE(all_a.find("(0x1a2b3c4d)"), std::string::npos);
-    EXPECT_EQ(all_a.find("(0x55aa55aa)"), std::string::npos);
-    EXPECT_NE(all_b.find("(0x55aa55aa)"), std::string::npos);
-    EXPECT_NE(all_a.find("H->D: "), std::string::npos);
-    EXPECT_EQ(all_b.find("H->D: "), std::string::npos);
-    EXPECT_EQ(log_a.free_names, (std::vector<std::string>{oa.link}));
-    EXPECT_EQ(log_b.free_names, (std::vector<std::string>{ob.link}));
 }
 
 TEST(SessionFlash, FailuresOfEachStageGiveTheirCodes)
