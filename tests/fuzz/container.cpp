@@ -4,8 +4,9 @@
 // the file opened again.
 //
 // Input: one byte N (the Nth allocation from the opens on fails, 0 none),
-// one byte E (E × 16 KiB of zeros follow the image, so entries can reach the
-// size that loads by mapping), then the image.
+// one byte E (above 240, (E - 240) × 256 KiB of zeros follow the image, so
+// entries can reach the size that loads by mapping), then the image.
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -32,12 +33,11 @@ const std::string &scratch_path()
     return path;
 }
 
-void write_file(const std::string &path, const std::string &bytes, uint64_t size)
+void write_file(const std::string &path, const uint8_t *bytes, size_t n, uint64_t size)
 {
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
     check(fd >= 0, "scratch file");
-    check(write(fd, bytes.data(), bytes.size()) == (ssize_t)bytes.size() && ftruncate(fd, (off_t)size) == 0,
-          "scratch file write");
+    check(write(fd, bytes, n) == (ssize_t)n && ftruncate(fd, (off_t)size) == 0, "scratch file write");
     close(fd);
 }
 
@@ -51,9 +51,21 @@ bool zeros(const uint8_t *p, uint64_t n)
     return true;
 }
 
+// The image: the input's bytes, then zeros.
+struct image_view {
+    const uint8_t *bytes;
+    uint64_t n, size;
+    // [at, at + len) of the image equals p.
+    bool same(const uint8_t *p, uint64_t at, uint64_t len) const
+    {
+        uint64_t in = at < n ? std::min(len, n - at) : 0;
+        return memcmp(p, bytes + at, (size_t)in) == 0 && zeros(p + in, len - in);
+    }
+};
+
 // A loaded entry holds its bytes of the image and zeros to the end of its
 // last block.
-void check_loads(simg *h, const std::vector<uint8_t> &image)
+void check_loads(simg *h, const image_view &image)
 {
     for (int32_t i = 0; i < h->num_entries; i++) {
         simg_entry *e = &h->entries[i];
@@ -61,8 +73,8 @@ void check_loads(simg *h, const std::vector<uint8_t> &image)
         if (!got)
             continue;
         check(got == simg_find(h, e->name), "a load gave another record");
-        check(got->offset <= image.size() && got->size <= image.size() - got->offset, "loaded past the image");
-        check(memcmp(got->data, image.data() + got->offset, (size_t)got->size) == 0, "loaded bytes differ");
+        check(got->offset <= image.size && got->size <= image.size - got->offset, "loaded past the image");
+        check(image.same(got->data, got->offset, got->size), "loaded bytes differ");
         check(zeros(got->data + got->size, padded(got->size) - got->size), "padding not zero");
     }
     for (int32_t i = 0; i < h->num_entries; i++) {
@@ -109,15 +121,14 @@ void container_one(const uint8_t *data, size_t size)
 {
     input in{data, size};
     uint8_t fail_at = in.byte();
-    uint64_t extra = (uint64_t)in.byte() * 16384;
-    std::string bytes = in.rest();
-    std::vector<uint8_t> image(bytes.begin(), bytes.end());
-    image.resize(image.size() + extra);
+    uint8_t e = in.byte();
+    image_view image{in.p, in.n, in.n + (e > 240 ? (e - 240) * (256u << 10) : 0)};
     const std::string &path = scratch_path();
-    write_file(path, bytes, image.size());
+    write_file(path, image.bytes, image.n, image.size);
     run_isolated([&] {
         // Loads write into a memory image, so it gets a copy of its own.
-        std::vector<uint8_t> memory = image;
+        std::vector<uint8_t> memory(image.bytes, image.bytes + image.n);
+        memory.resize(image.size);
         if (fail_at)
             mem_fail_nth(fail_at);
         simg *m = simg_mopen(memory.data(), memory.size());
