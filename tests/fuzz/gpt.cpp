@@ -118,10 +118,18 @@ struct programmer {
     }
 };
 
+// Finds each partition by name, and reads its first and last sector at the
+// places its table entry gives, whatever they are.
 int32_t visit(pt *p, void *)
 {
     check(pt_name(p) && strlen(pt_name(p)) <= PT_NAME_MAX, "partition name");
     check(pt_find(pt_name(p), pt_lun(p)) != nullptr, "a listed partition not found by name");
+    uint32_t blksz = storage_blksz();
+    std::string sector(blksz, '\0');
+    if (pt_seek(p, 0, 0) == 0 && pt_read(p, sector.data(), blksz) == blksz)
+        check(p->pos == blksz, "position after a read");
+    if (pt_seek(p, -(int64_t)blksz, 2) == 0 && pt_read(p, sector.data(), blksz) == blksz)
+        check(p->pos == p->size, "position after reading the last sector");
     return 0;
 }
 
