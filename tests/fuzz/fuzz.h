@@ -73,7 +73,8 @@ struct input {
 
 // The rest of the input as what the line delivers, read by read: a length
 // byte and that many bytes; 0 is a read that finds the line idle, 255 a
-// read that fails.
+// read that fails, 254 64 KiB of the byte that follows, so that a short
+// input can fill a buffer.
 inline void push_reads(test::fake_platform &fake, input &in)
 {
     while (!in.empty()) {
@@ -82,6 +83,8 @@ inline void push_reads(test::fake_platform &fake, input &in)
             fake.push_idle();
         else if (len == 255)
             fake.push_read_error(EIO);
+        else if (len == 254)
+            fake.push_bytes(std::string(65536, (char)in.byte()));
         else
             fake.push_bytes(in.take(len));
     }
