@@ -3,8 +3,8 @@
 // against the bytes it came from; then an entry stored and one deleted, and
 // the file opened again.
 //
-// Input: one byte N (the Nth allocation from the opens on fails, 0 none),
-// one byte E (above 240, (E - 240) × 256 KiB of zeros follow the image, so
+// Input: one byte N (allocation nth_allocation(N) from the opens on fails, 0
+// none), one byte E (above 240, (E - 240) × 256 KiB of zeros follow the image, so
 // entries can reach the size that loads by mapping), then the image.
 #include <algorithm>
 #include <cstring>
@@ -130,7 +130,7 @@ void container_one(const uint8_t *data, size_t size)
         std::vector<uint8_t> memory(image.bytes, image.bytes + image.n);
         memory.resize(image.size);
         if (fail_at)
-            mem_fail_nth(fail_at);
+            mem_fail_nth(nth_allocation(fail_at));
         simg *m = simg_mopen(memory.data(), memory.size());
         simg *f = simg_open(path.c_str(), 0);
         bool exact = !fail_at;

@@ -48,6 +48,11 @@ template <typename F> void run_isolated(F &&fn)
     check(mem_outstanding() == before, "blocks of the library left behind");
 }
 
+// Which allocation an input's byte b makes fail: finely spaced at first,
+// then wider, so that one byte reaches the thousands of allocations of a
+// whole discovery. 0 is none.
+inline uint64_t nth_allocation(uint8_t b) { return b + (uint64_t)b * b / 16; }
+
 // The input, taken from the front.
 struct input {
     const uint8_t *p;

@@ -5,8 +5,8 @@
 //
 // Input: a flags byte (bit 0: 4096-byte sectors, bit 1: two LUNs, bit 2:
 // the CRCs of LBA 1 made to fit, bit 3: debug log, bits 4-7: the LUN has 16
-// << n sectors), one byte N (the Nth allocation from discovery on fails,
-// 0 none), then the bytes of each LUN from LBA 0; zeros behind them.
+// << n sectors), one byte N (allocation nth_allocation(N) from discovery on
+// fails, 0 none), then the bytes of each LUN from LBA 0; zeros behind them.
 #include <cstring>
 #include <map>
 
@@ -155,7 +155,7 @@ void gpt_one(const uint8_t *data, size_t size)
         device_set("cpu.vername", "v1");
         check(get_firehose() != nullptr, "bring-up");
         if (fail_at)
-            mem_fail_nth(fail_at);
+            mem_fail_nth(nth_allocation(fail_at));
         if (storage_init() == 0) {
             pt_forall(-1, visit, nullptr);
             validate_header(0, lun.data() + std::min<size_t>(lun.size(), blksz),

@@ -1,11 +1,11 @@
 // The Firehose response reader against a byte stream from the input: the
-// standard test, the raw-mode switch and the wait for a commit result, one
-// after the other for as long as the stream lasts.
+// standard test, the raw-mode switch and the wait for a commit result, each
+// twice, in turn.
 //
 // Input: a flags byte (bits 0-1: the first kind of read, the next ones
 // follow in turn; bit 2: NAKs not logged; bit 3: debug log), one byte N
-// (the Nth allocation from the first read on fails, 0 none), then the reads
-// of the line.
+// (allocation nth_allocation(N) from the first read on fails, 0 none), then
+// the reads of the line.
 #include <strings.h>
 
 #include "firehose/link.h"
@@ -49,7 +49,7 @@ void response_one(const uint8_t *data, size_t size)
             fh_log_naks(false);
         push_reads(fake, in);
         if (fail_at)
-            mem_fail_nth(fail_at);
+            mem_fail_nth(nth_allocation(fail_at));
         xtags *cmd = xtags_create();
         tagline *line = cmd ? xtags_add(cmd, "program") : nullptr;
         if (line)

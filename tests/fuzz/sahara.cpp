@@ -3,8 +3,9 @@
 //
 // Input: a flags byte (bit 0: debug run, bit 1: hexdump of the line, bit 2:
 // debug log, bit 3: download even after a failed greeting, bits 4-5: the
-// mode held before, 0, 3 or 7, or none), one byte N (the Nth allocation
-// from the greeting on fails, 0 none), then the reads of the line.
+// mode held before, 0, 3 or 7, or none), one byte N (allocation
+// nth_allocation(N) from the greeting on fails, 0 none), then the reads of
+// the line.
 #include "core/core.h"
 #include "fuzz/fuzz.h"
 #include "link/device.h"
@@ -32,7 +33,7 @@ void sahara_one(const uint8_t *data, size_t size)
         if (((flags >> 4) & 3) != 3)
             device_setu("sahara.current_mode", held_modes[(flags >> 4) & 3]);
         if (fail_at)
-            mem_fail_nth(fail_at);
+            mem_fail_nth(nth_allocation(fail_at));
         int32_t code = sahara_greet_device();
         // A failed store of the serial number goes unreported by design.
         if (code == 0 && !fail_at)

@@ -1,8 +1,8 @@
 // Tag documents: filters and a text from the input, parsed, walked, judged
 // again, and every tag sent through its command text and parsed back.
 //
-// Input: one byte N (the Nth allocation from the parse on fails, 0 none),
-// then "key:value" lines up to the first NUL, then the document.
+// Input: one byte N (allocation nth_allocation(N) from the parse on fails, 0
+// none), then "key:value" lines up to the first NUL, then the document.
 #include <cstring>
 
 #include "fuzz/fuzz.h"
@@ -105,7 +105,7 @@ void tags_one(const uint8_t *data, size_t size)
             xtags_add_filter(doc, key.c_str(), line.substr(colon + 1).c_str());
         }
         if (fail_at)
-            mem_fail_nth(fail_at);
+            mem_fail_nth(nth_allocation(fail_at));
         int32_t parsed = xtags_parse(doc, text.c_str());
         bool whole = parsed == 0 && !fail_at;
         walk(doc, whole);
