@@ -21,21 +21,24 @@ namespace ravik::fuzz {
 namespace {
 
 // One scratch file for the whole process, on a memory file system where
-// there is one.
+// there is one. It is unlinked at once, since libFuzzer ends a run without
+// running exit handlers, and reached through the descriptor held open.
 const std::string &scratch_path()
 {
     static const std::string path = [] {
         std::string dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-        std::string p = dir + "/ravik-fuzz-" + std::to_string(getpid()) + ".img";
-        atexit([] { unlink(scratch_path().c_str()); });
-        return p;
+        std::string name = dir + "/ravik-fuzz-XXXXXX";
+        int fd = mkstemp(name.data());
+        check(fd >= 0, "scratch file");
+        unlink(name.c_str());
+        return "/proc/self/fd/" + std::to_string(fd);
     }();
     return path;
 }
 
 void write_file(const std::string &path, const uint8_t *bytes, size_t n, uint64_t size)
 {
-    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    int fd = open(path.c_str(), O_RDWR | O_TRUNC);
     check(fd >= 0, "scratch file");
     check(write(fd, bytes, n) == (ssize_t)n && ftruncate(fd, (off_t)size) == 0, "scratch file write");
     close(fd);
