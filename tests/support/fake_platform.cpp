@@ -80,7 +80,7 @@ int32_t fake_platform::s_read(int32_t, void *buf, uint32_t count, int *err)
 
 int32_t fake_platform::s_write(int32_t, const void *buf, uint32_t count, int *err)
 {
-    std::lock_guard<std::mutex> g(self->mu_);
+    std::unique_lock<std::mutex> g(self->mu_);
     if (self->write_error) {
         *err = self->write_error;
         return -1;
@@ -92,6 +92,11 @@ int32_t fake_platform::s_write(int32_t, const void *buf, uint32_t count, int *er
     }
     uint32_t n = std::min(count, cap);
     self->written.append(static_cast<const char *>(buf), n);
+    if (self->on_write) {
+        auto hook = self->on_write;
+        g.unlock();
+        hook(std::string(static_cast<const char *>(buf), n));
+    }
     return (int32_t)n;
 }
 

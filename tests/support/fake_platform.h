@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -40,6 +41,9 @@ class fake_platform {
     std::deque<uint32_t> write_caps; // per-write caps, used first, one per write
     int write_error = 0;            // errno for every write when non-zero
     uint64_t slept_ms = 0;
+    // Sees every write as it was taken, outside the lock, so a far end can
+    // answer what the host actually asked for with push_bytes.
+    std::function<void(const std::string &)> on_write;
 
   private:
     struct item {
