@@ -1,13 +1,15 @@
 #!/bin/sh
-# Robustness runs: the hostile-target matrix and the leak check from the asan
-# build, the parallel sessions under ThreadSanitizer; then a summary table in
-# markdown. Run from anywhere; builds what it needs with -j2.
-#   tests/robustness/run.sh [--no-build]
+# Robustness runs: the hostile-target matrix, the leak check and the
+# allocation failures from the asan build, the parallel sessions under
+# ThreadSanitizer, every fuzz target for FUZZ_SECONDS (default 60); then a
+# summary table in markdown. Run from anywhere; builds what it needs with -j2.
+#   tests/robustness/run.sh [--no-build] [FUZZ_SECONDS]
 set -eu
 src=$(cd "$(dirname "$0")/../.." && pwd)
 cd "$src"
 build=yes
-[ "${1:-}" = "--no-build" ] && build=no
+[ "${1:-}" = "--no-build" ] && { build=no; shift; }
+fuzz_seconds=${1:-60}
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 
@@ -54,6 +56,22 @@ echo "(blocks: the library's live blocks; heap_bytes: the heap in use; rss_kb: R
 echo "quarantine inflates. Growth after a warm-up; passed: $leaks_ok)"
 echo
 
+# --- allocation failures -----------------------------------------------------
+echo "## Allocation failures"
+echo
+build/asan/tests/ravik_tests --gtest_filter='SessionAllocationFailure.*' >"$out/alloc.log" 2>&1 && alloc_ok=yes || alloc_ok=no
+alloc_line=$(sed -n 's/^allocation-failure runs: //p' "$out/alloc.log")
+echo "    $alloc_line (passed: $alloc_ok)"
+echo
+
+# --- fuzzing ------------------------------------------------------------------
+echo "## Fuzzing"
+echo
+tests/fuzz/run.sh "$fuzz_seconds" >"$out/fuzz.log" 2>&1 && fuzz_ok=yes || fuzz_ok=no
+grep '^|' "$out/fuzz.log"
+echo
+fuzz_runs=$(sed -n 's/^\([a-z]*\): \([0-9]*\) executions, .*/\1 \2/p' "$out/fuzz.log" | tr '\n' ';' | sed 's/;$//; s/;/, /g')
+
 # --- parallel sessions under ThreadSanitizer --------------------------------
 echo "## Parallel sessions under ThreadSanitizer"
 echo
@@ -88,8 +106,8 @@ echo "|---|---|---|"
 echo "| Hostile targets (fault matrix) | $cases cases | $good with the expected code, $matrix_failed failed |"
 echo "| Parallel sessions, ThreadSanitizer | $runs; $tsan_cases hostile-target cases | $tsan_verdict |"
 echo "| Leaks | $leak_line | $([ $leaks_ok = yes ] && echo 'no growth' || echo 'growth') |"
-echo "| Fuzzing | see tests/fuzz/run.sh | |"
-echo "| Allocation failures | (to come) | |"
+echo "| Fuzzing, ${fuzz_seconds}s a target | $fuzz_runs executions | $([ $fuzz_ok = yes ] && echo 'no finding' || echo 'FINDING, see build/fuzz/findings') |"
+echo "| Allocation failures, one per allocation of a whole session | $alloc_line | $([ $alloc_ok = yes ] && echo 'clean codes, no leak, every backup file opens' || echo 'FAILED') |"
 
 [ "$cases" -gt 0 ] && [ "$good" = "$cases" ] && [ $matrix_ok = yes ] && [ $leaks_ok = yes ] &&
-    [ "$races" = 0 ] && [ $tsan_ok = yes ]
+    [ "$races" = 0 ] && [ $tsan_ok = yes ] && [ $alloc_ok = yes ] && [ $fuzz_ok = yes ]
