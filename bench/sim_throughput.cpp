@@ -1,6 +1,7 @@
 // The simulator must never be the bottleneck of a measurement: its program
 // and dump phases are timed against a plain copy through a pty, both in
 // this run, in both directions.
+#include "pty_host.h"
 #include "sim.h"
 
 #include <chrono>
@@ -18,6 +19,8 @@
 
 namespace {
 
+using namespace pty_host;
+
 constexpr size_t TOTAL = 128u << 20;
 constexpr size_t CHUNK = 1u << 20;
 constexpr int ROUNDS = 3;
@@ -27,61 +30,6 @@ using clk = std::chrono::steady_clock;
 double seconds_since(clk::time_point t0)
 {
     return std::chrono::duration<double>(clk::now() - t0).count();
-}
-
-[[noreturn]] void die(const char *what)
-{
-    std::fprintf(stderr, "sim_throughput: %s\n", what);
-    std::exit(1);
-}
-
-void write_all(int fd, const void *data, size_t n)
-{
-    const char *p = static_cast<const char *>(data);
-    while (n > 0) {
-        ssize_t w = ::write(fd, p, n);
-        if (w > 0) {
-            p += w;
-            n -= (size_t)w;
-        } else if (w < 0 && errno == EAGAIN) {
-            struct pollfd q = {fd, POLLOUT, 0};
-            ::poll(&q, 1, 1000);
-        } else {
-            die("write");
-        }
-    }
-}
-
-size_t read_some(int fd, void *dst, size_t n)
-{
-    for (;;) {
-        ssize_t r = ::read(fd, dst, n);
-        if (r > 0)
-            return (size_t)r;
-        if (r < 0 && errno != EAGAIN)
-            die("read");
-        struct pollfd q = {fd, POLLIN, 0};
-        if (::poll(&q, 1, 5000) <= 0)
-            die("read timed out");
-    }
-}
-
-void read_all(int fd, void *dst, size_t n)
-{
-    char *p = static_cast<char *>(dst);
-    while (n > 0) {
-        size_t r = read_some(fd, p, n);
-        p += r;
-        n -= r;
-    }
-}
-
-void make_raw(int fd)
-{
-    struct termios t;
-    ::tcgetattr(fd, &t);
-    ::cfmakeraw(&t);
-    ::tcsetattr(fd, TCSANOW, &t);
 }
 
 // A bare pty: one side copies, the other drains into a buffer.
@@ -109,82 +57,6 @@ double plain_copy(bool host_to_target)
     ::close(s);
     ::close(m);
     return TOTAL / t / 1e6;
-}
-
-struct link_host {
-    int fd = -1;
-    std::string pending;
-
-    explicit link_host(const std::string &path)
-    {
-        fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
-        if (fd < 0)
-            die("open link");
-        make_raw(fd);
-    }
-    ~link_host() { ::close(fd); }
-
-    std::vector<uint8_t> packet()
-    {
-        std::vector<uint8_t> p(48);
-        p.resize(read_some(fd, p.data(), p.size()));
-        return p;
-    }
-    static uint32_t w(const std::vector<uint8_t> &p, size_t o)
-    {
-        uint32_t v;
-        std::memcpy(&v, p.data() + o, 4);
-        return v;
-    }
-    void send(std::initializer_list<uint32_t> words, size_t len)
-    {
-        std::vector<uint8_t> p(len, 0);
-        size_t i = 0;
-        for (uint32_t v : words)
-            std::memcpy(&p[4 * i++], &v, 4);
-        write_all(fd, p.data(), p.size());
-    }
-    std::string reply()
-    {
-        char buf[4096];
-        for (;;) {
-            size_t at = pending.find("<response");
-            size_t end = at == std::string::npos ? at : pending.find("</data>", at);
-            if (end != std::string::npos) {
-                std::string r = pending.substr(0, end + 7);
-                pending.erase(0, end + 7);
-                return r;
-            }
-            pending.append(buf, read_some(fd, buf, sizeof buf));
-        }
-    }
-    std::string command(const std::string &tag)
-    {
-        std::string doc = "<?xml version=\"1.0\"?><data><" + tag + "/></data>";
-        write_all(fd, doc.data(), doc.size());
-        return reply();
-    }
-};
-
-void bring_up(link_host &h)
-{
-    auto image = ravik_sim::demo_programmer();
-    h.packet(); // HELLO
-    h.send({2, 48, 2, 2, 0, 0}, 48);
-    for (;;) {
-        auto p = h.packet();
-        uint32_t cmd = link_host::w(p, 0);
-        if (cmd == 4)
-            break;
-        uint64_t off = cmd == 3 ? link_host::w(p, 12) : link_host::w(p, 16);
-        uint64_t n = cmd == 3 ? link_host::w(p, 16) : link_host::w(p, 24);
-        write_all(h.fd, image.data() + off, n);
-    }
-    h.send({5, 8}, 8);
-    h.packet(); // DONE_RESP
-    if (h.command("configure MemoryName=\"eMMC\" MaxPayloadSizeToTargetInBytes=\"1048576\"")
-            .find("value=\"ACK\"") == std::string::npos)
-        die("configure refused");
 }
 
 void simulated(double &program_mbs, double &dump_mbs)
