@@ -8,6 +8,10 @@ cd "$(dirname "$0")/../.."
 seconds=${1:-12}
 targets=(tags container gpt sahara response)
 
+# clang and its fuzzer runtime come with the machine; install them where not.
+if [ ! -x /usr/bin/clang++ ] || ! ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a >/dev/null 2>&1; then
+    apt-get update && apt-get install -y clang libclang-rt-dev
+fi
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
 
