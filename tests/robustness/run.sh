@@ -68,7 +68,7 @@ echo
 echo "## Fuzzing"
 echo
 tests/fuzz/run.sh "$fuzz_seconds" >"$out/fuzz.log" 2>&1 && fuzz_ok=yes || fuzz_ok=no
-grep '^|' "$out/fuzz.log"
+grep '^|' "$out/fuzz.log" || tail -30 "$out/fuzz.log"
 echo
 fuzz_runs=$(sed -n 's/^\([a-z]*\): \([0-9]*\) executions, .*/\1 \2/p' "$out/fuzz.log" | tr '\n' ';' | sed 's/;$//; s/;/, /g')
 
