@@ -239,14 +239,7 @@ struct plain_figure {
 // host the bytes land in a buffer of their own, as a partition read does.
 plain_figure plain_pty(bool to_target)
 {
-    int m = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
-    if (m < 0 || ::grantpt(m) || ::unlockpt(m))
-        die("pty");
-    make_raw(m);
-    int s = ::open(::ptsname(m), O_RDWR | O_NOCTTY | O_NONBLOCK);
-    if (s < 0)
-        die("pty slave");
-    make_raw(s);
+    auto [m, s] = open_pty_pair();
     pid_t pid = ::fork();
     if (pid == 0) {
         std::vector<char> buf(MiB, 'z');
@@ -279,18 +272,25 @@ plain_figure plain_pty(bool to_target)
     return {ENTRY / t / 1e6, {(c1.user - c0.user) / gib, (c1.sys - c0.sys) / gib}};
 }
 
+// Starts `command` over the entry's range of a fresh simulator, up to its
+// raw phase.
+void start_raw_phase(link_host &h, const std::string &command)
+{
+    bring_up(h);
+    std::string range = "SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"" +
+                        std::to_string(ENTRY / 512) +
+                        "\" physical_partition_number=\"0\" start_sector=\"2048\"";
+    if (h.command(command + " " + range).find("rawmode=\"true\"") == std::string::npos)
+        die((command + " refused").c_str());
+}
+
 // A plain reader taking a dump from the simulator in 1 MiB requests.
 double plain_sim_dump()
 {
     sim_child sim(0x0A01);
     link_host h(sim.link);
-    bring_up(h);
+    start_raw_phase(h, "dump");
     std::vector<char> dst(ENTRY, 'y');
-    std::string range = "SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"" +
-                        std::to_string(ENTRY / 512) +
-                        "\" physical_partition_number=\"0\" start_sector=\"2048\"";
-    if (h.command("dump " + range).find("rawmode=\"true\"") == std::string::npos)
-        die("dump refused");
     double t0 = mono();
     uint8_t req[8] = {'D', 'A', 'T', 'A'};
     uint32_t chunk = MiB;
@@ -307,13 +307,8 @@ plain_figure plain_sim()
 {
     sim_child sim(0x0A01);
     link_host h(sim.link);
-    bring_up(h);
+    start_raw_phase(h, "program");
     std::vector<char> src(ENTRY, 'y');
-    std::string range = "SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"" +
-                        std::to_string(ENTRY / 512) +
-                        "\" physical_partition_number=\"0\" start_sector=\"2048\"";
-    if (h.command("program " + range).find("rawmode=\"true\"") == std::string::npos)
-        die("program refused");
     cpu c0 = cpu_now();
     double t0 = mono();
     for (uint64_t sent = 0; sent < ENTRY; sent += MiB)

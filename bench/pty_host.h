@@ -13,6 +13,7 @@
 #include <string>
 #include <termios.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "sim.h"
@@ -72,6 +73,20 @@ inline void make_raw(int fd)
     ::tcgetattr(fd, &t);
     ::cfmakeraw(&t);
     ::tcsetattr(fd, TCSANOW, &t);
+}
+
+// A bare pty in raw mode, both ends non-blocking: {master, slave}.
+inline std::pair<int, int> open_pty_pair()
+{
+    int m = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
+    if (m < 0 || ::grantpt(m) || ::unlockpt(m))
+        die("pty");
+    make_raw(m);
+    int s = ::open(::ptsname(m), O_RDWR | O_NOCTTY | O_NONBLOCK);
+    if (s < 0)
+        die("pty slave");
+    make_raw(s);
+    return {m, s};
 }
 
 struct link_host {

@@ -35,14 +35,7 @@ double seconds_since(clk::time_point t0)
 // A bare pty: one side copies, the other drains into a buffer.
 double plain_copy(bool host_to_target)
 {
-    int m = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
-    if (m < 0 || ::grantpt(m) || ::unlockpt(m))
-        die("pty");
-    make_raw(m);
-    int s = ::open(::ptsname(m), O_RDWR | O_NOCTTY | O_NONBLOCK);
-    if (s < 0)
-        die("pty slave");
-    make_raw(s);
+    auto [m, s] = open_pty_pair();
     std::vector<char> src(CHUNK, 'x'), dst(CHUNK);
     int from = host_to_target ? s : m, to = host_to_target ? m : s;
     auto t0 = clk::now();
