@@ -31,6 +31,7 @@ const double SILENT = 11.5;
 #ifdef RAVIK_HAVE_SIM
 
 #include "backup/backup_files.h"
+#include "robustness/sim_targets.h"
 #include "storage/sim_session.h"
 
 using fk = ravik_sim::tag_fault::kind;
@@ -162,13 +163,8 @@ void run_cases(const std::vector<hostile_case> &cases)
     std::vector<uint32_t> serial(n);
     layout_facts f{};
     for (size_t i = 0; i < n; i++) {
-        ravik_sim::options o;
-        o.link = cwd.path() + "/t" + std::to_string(i);
-        o.storage_dir = cwd.path() + "/s" + std::to_string(i);
-        o.storage = ravik_sim::storage_kind::ufs;
-        o.lun_bytes = 1 << 20;
-        o.layout = LAYOUT;
-        o.id.serial = serial[i] = 0x5EED0000u + (uint32_t)i;
+        serial[i] = 0x5EED0000u + (uint32_t)i;
+        ravik_sim::options o = numbered_ufs_target(cwd.path(), i, LAYOUT, serial[i]);
         cases[i].fault(o);
         targets[i] = std::make_unique<ravik_sim::target>(o);
         targets[i]->start();

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <thread>
 
+#include "robustness/sim_targets.h"
 #include "storage/sim_session.h"
 
 #ifndef RAVIK_PARALLEL_ROUNDS
@@ -25,13 +26,9 @@ TEST(ParallelSessions, FourThreadsOnFourTargets)
     temp_cwd cwd;
     std::vector<std::unique_ptr<ravik_sim::target>> targets;
     for (int i = 0; i < threads; i++) {
-        ravik_sim::options o;
-        o.link = cwd.path() + "/t" + std::to_string(i);
-        o.storage_dir = cwd.path() + "/s" + std::to_string(i);
-        o.storage = ravik_sim::storage_kind::ufs;
-        o.lun_bytes = 1 << 20;
-        o.layout = "0 persist 16K bnr\n0 system 64K\n0 userdata *\n1 a *\n2 b *\n";
-        o.id.serial = 0xCAFE0000u + (uint32_t)i;
+        ravik_sim::options o = numbered_ufs_target(cwd.path(), (size_t)i,
+                                                   "0 persist 16K bnr\n0 system 64K\n0 userdata *\n1 a *\n2 b *\n",
+                                                   0xCAFE0000u + (uint32_t)i);
         o.id.secure = i == threads - 1;
         o.reboot_ms = 50;
         targets.push_back(std::make_unique<ravik_sim::target>(o));
