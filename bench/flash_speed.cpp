@@ -259,7 +259,7 @@ plain_figure plain_pty(bool to_target)
     double t0 = mono();
     if (to_target)
         for (uint64_t sent = 0; sent < ENTRY; sent += MiB)
-            write_all(s, data.data() + sent, MiB);
+            write_blocking(s, data.data() + sent, MiB);
     else
         read_all(s, data.data(), ENTRY);
     cpu c1 = cpu_now();
@@ -312,7 +312,7 @@ plain_figure plain_sim()
     cpu c0 = cpu_now();
     double t0 = mono();
     for (uint64_t sent = 0; sent < ENTRY; sent += MiB)
-        write_all(h.fd, src.data() + sent, MiB);
+        write_blocking(h.fd, src.data() + sent, MiB);
     if (h.reply().find("value=\"ACK\"") == std::string::npos)
         die("program failed");
     double t = mono() - t0;

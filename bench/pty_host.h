@@ -43,6 +43,16 @@ inline void write_all(int fd, const void *data, size_t n)
     }
 }
 
+// The plain writer at its best: blocking writes, where the kernel waits for
+// room itself, one call per piece.
+inline void write_blocking(int fd, const void *data, size_t n)
+{
+    int flags = ::fcntl(fd, F_GETFL);
+    ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+    write_all(fd, data, n);
+    ::fcntl(fd, F_SETFL, flags);
+}
+
 inline size_t read_some(int fd, void *dst, size_t n)
 {
     for (;;) {

@@ -55,6 +55,10 @@ struct posix_calls {
     int (*set_exclusive)(int fd);          // TIOCEXCL
     int (*make_raw)(int fd);               // tcgetattr, cfmakeraw, tcsetattr
     int (*is_tty)(int fd);
+    int (*set_blocking)(int fd);           // clears O_NONBLOCK
+    // The signal that bounds a blocking write, with our handler in place; 0
+    // when none could be had, and a terminal then stays non-blocking.
+    int (*wake_signal)();
 };
 posix_calls &platform_posix_calls();
 void platform_posix_reset();

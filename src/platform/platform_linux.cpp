@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <csignal>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/time.h>
@@ -42,9 +43,45 @@ int sys_make_raw(int fd)
     return ::tcsetattr(fd, TCSANOW, &t);
 }
 int sys_is_tty(int fd) { return ::isatty(fd); }
+int sys_set_blocking(int fd)
+{
+    int flags = ::fcntl(fd, F_GETFL);
+    return flags < 0 ? -1 : ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+}
 
-const posix_calls real_calls = {sys_open, sys_close, sys_read, sys_write, sys_poll,
-                                sys_flock, sys_set_exclusive, sys_make_raw, sys_is_tty};
+// The signal that cuts a blocking write off at its limit. It needs a handler
+// of ours, so it is taken only where nobody else has one: the highest
+// real-time signal left at its default, as others tend to count up from the
+// lowest. 0 when none is free; ports then stay non-blocking.
+int wake_signo;
+void on_wake(int) {}
+void pick_wake_signal()
+{
+    for (int sig = SIGRTMAX; sig >= SIGRTMIN; sig--) {
+        struct sigaction old = {};
+        if (::sigaction(sig, nullptr, &old) != 0 || (old.sa_flags & SA_SIGINFO) ||
+            old.sa_handler != SIG_DFL)
+            continue;
+        struct sigaction act = {};
+        act.sa_handler = on_wake; // no SA_RESTART: the write must come back
+        sigemptyset(&act.sa_mask);
+        if (::sigaction(sig, &act, nullptr) == 0) {
+            wake_signo = sig;
+            return;
+        }
+    }
+}
+int sys_wake_signal()
+{
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, pick_wake_signal);
+    return wake_signo;
+}
+
+const posix_calls real_calls = {sys_open,     sys_close,         sys_read,     sys_write,
+                                sys_poll,     sys_flock,         sys_set_exclusive,
+                                sys_make_raw, sys_is_tty,        sys_set_blocking,
+                                sys_wake_signal};
 posix_calls calls = real_calls;
 
 double monotonic_ms()
@@ -67,7 +104,10 @@ int32_t linux_serial_open(const char *name)
         return -1;
     }
     if (calls.is_tty(fd)) {
-        if (calls.set_exclusive(fd) != 0 || calls.make_raw(fd) != 0) {
+        // Reads never block either way: the raw mode's zero minimum and time
+        // make a read with nothing waiting come back at once.
+        if (calls.set_exclusive(fd) != 0 || calls.make_raw(fd) != 0 ||
+            (calls.wake_signal() > 0 && calls.set_blocking(fd) != 0)) {
             calls.close(fd);
             return -1;
         }
@@ -116,9 +156,9 @@ int32_t linux_serial_read(int32_t handle, void *buf, uint32_t count, int *err)
     }
 }
 
-int32_t linux_serial_write(int32_t handle, const void *buf, uint32_t count, int *err)
+// Without a wake signal: non-blocking writes, waiting for room with poll.
+int32_t polled_write(int32_t handle, const uint8_t *p, uint32_t count, int *err)
 {
-    const uint8_t *p = static_cast<const uint8_t *>(buf);
     uint32_t done = 0;
     double deadline = monotonic_ms() + WRITE_TOTAL_MS;
     while (done < count) {
@@ -154,6 +194,65 @@ int32_t linux_serial_write(int32_t handle, const void *buf, uint32_t count, int 
         }
     }
     return (int32_t)done;
+}
+
+// A blocking write lets the kernel wait for room itself: a MiB costs one
+// call where the polled loop makes thousands of writes and polls, each of
+// them charged to the caller. A timer of the calling thread bounds it: its
+// signal breaks the wait off at the limit, and it repeats every 10 ms in
+// case one lands just before the write starts to wait.
+int32_t timed_write(int32_t handle, const uint8_t *p, uint32_t count, int *err)
+{
+    struct sigevent ev = {};
+    ev.sigev_notify = SIGEV_THREAD_ID;
+    ev.sigev_signo = calls.wake_signal();
+    ev._sigev_un._tid = ::gettid(); // the thread-id member has no name here
+    timer_t timer;
+    if (::timer_create(CLOCK_MONOTONIC, &ev, &timer) != 0) {
+        *err = errno;
+        return -1;
+    }
+    struct timer_guard {
+        timer_t t;
+        ~timer_guard() { ::timer_delete(t); }
+    } guard{timer};
+    const struct itimerspec when = {{0, 10 * 1000000L}, {WRITE_TOTAL_MS / 1000, 0}};
+    double deadline = monotonic_ms() + WRITE_TOTAL_MS;
+    if (::timer_settime(timer, 0, &when, nullptr) != 0) {
+        *err = errno;
+        return -1;
+    }
+    uint32_t done = 0;
+    while (done < count) {
+        long n = calls.write(handle, p + done, count - done);
+        if (n > 0)
+            done += (uint32_t)n;
+        else if (n == 0 || errno != EINTR) {
+            if (done > 0)
+                break;
+            *err = n == 0 ? EIO : errno;
+            return -1;
+        }
+        // Short or broken off: by our timer at the limit, or by a signal of
+        // someone else's, after which the write goes on.
+        if (done < count && monotonic_ms() >= deadline)
+            break;
+    }
+    return (int32_t)done;
+}
+
+int32_t linux_serial_write(int32_t handle, const void *buf, uint32_t count, int *err)
+{
+    const uint8_t *p = static_cast<const uint8_t *>(buf);
+    if (count == 0)
+        return 0;
+    int flags = ::fcntl(handle, F_GETFL);
+    if (flags < 0) {
+        *err = errno;
+        return -1;
+    }
+    return (flags & O_NONBLOCK) ? polled_write(handle, p, count, err)
+                                : timed_write(handle, p, count, err);
 }
 
 void linux_sleep_ms(uint32_t ms)

@@ -1,7 +1,12 @@
 // The Linux serial layer on a real pseudo-terminal.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <pthread.h>
+#include <thread>
 #include <chrono>
 #include <string>
 #include <sys/stat.h>
@@ -90,11 +95,24 @@ TEST_F(linux_serial, VanishedFarEndIsAFailureNotAnIdleLine)
     os.serial_close(h);
 }
 
-TEST_F(linux_serial, WriteGivesUpAfterTwoSeconds)
+// Writes block with a timer when a wake signal can be had, and poll when
+// not: both keep the limit and ride out signals that are not theirs.
+struct serial_write : linux_serial, ::testing::WithParamInterface<bool> {
+    void SetUp() override
+    {
+        if (!GetParam())
+            platform_posix_calls().wake_signal = [] { return 0; };
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Modes, serial_write, ::testing::Values(true, false),
+                         [](const auto &info) { return info.param ? "Blocking" : "Polled"; });
+
+TEST_P(serial_write, GivesUpAfterTwoSeconds)
 {
     pty_pair pty;
     int32_t h = os.serial_open(pty.slave_path().c_str());
     ASSERT_GE(h, 0);
+    EXPECT_EQ(fcntl(h, F_GETFL) & O_NONBLOCK, GetParam() ? 0 : O_NONBLOCK);
     // Nobody reads the master, so the pty's buffer fills and the write stalls.
     std::vector<char> big(8 << 20, 'w');
     int err = 0;
@@ -105,6 +123,50 @@ TEST_F(linux_serial, WriteGivesUpAfterTwoSeconds)
     EXPECT_LT(n, (int32_t)big.size());
     EXPECT_GE(took, 1.9);
     EXPECT_LT(took, 3.0);
+    // The next write has a limit of its own, and the timer is gone.
+    t0 = std::chrono::steady_clock::now();
+    EXPECT_LT(os.serial_write(h, big.data(), 1 << 16, &err), 1 << 16);
+    EXPECT_GE(elapsed_since(t0), 1.9);
+    os.serial_close(h);
+}
+
+TEST_P(serial_write, ForeignSignalsDoNotCutItShort)
+{
+    pty_pair pty;
+    int32_t h = os.serial_open(pty.slave_path().c_str());
+    ASSERT_GE(h, 0);
+    // A handler without SA_RESTART, as an application may have one.
+    struct sigaction act = {}, old = {};
+    act.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &act, &old);
+    std::vector<char> big(4 << 20, 'w');
+    std::atomic<bool> writing{true};
+    pthread_t writer = pthread_self();
+    std::thread noise([&] {
+        while (writing) {
+            pthread_kill(writer, SIGUSR1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    });
+    // The far end starts reading late, so the write waits for room meanwhile.
+    size_t drained = 0;
+    std::thread reader([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        while (drained < big.size()) {
+            std::string got = pty.read_master(1 << 20, 2500);
+            if (got.empty())
+                break;
+            drained += got.size();
+        }
+    });
+    int err = 0;
+    int32_t n = os.serial_write(h, big.data(), (uint32_t)big.size(), &err);
+    writing = false;
+    noise.join();
+    reader.join();
+    sigaction(SIGUSR1, &old, nullptr);
+    EXPECT_EQ(n, (int32_t)big.size());
+    EXPECT_EQ(drained, big.size());
     os.serial_close(h);
 }
 
