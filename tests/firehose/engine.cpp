@@ -31,14 +31,20 @@ int32_t run_package(const std::string &package, const std::map<std::string, std:
     firehose_set_input(nullptr);
     return code;
 }
+
+// A command with buffer="0x..." of `p` appended; its code.
+int32_t to_buffer(const std::string &cmd, const void *p)
+{
+    firehose_do_fmt("%s buffer=\"0x%lX\"", cmd.c_str(), (unsigned long)(uintptr_t)p);
+    return get_error();
+}
 } // namespace
 
 TEST(RecipeEngine, FilteredPackagesAndRecipes)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         log_capture c;
         // Every recipe filtered out, and no recipe at all: the same end.
@@ -69,8 +75,7 @@ TEST(RecipeEngine, FailuresAndIgnoreErrors)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         log_capture c;
         // An unknown tag goes to the target as it stands; its NAK fails.
@@ -109,8 +114,7 @@ TEST(RecipeEngine, FailuresAndIgnoreErrors)
 TEST(RecipeEngine, OneLineCommands)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         log_capture c;
         firehose_do_fmt("print what=\"%s\"", "hello");
@@ -162,17 +166,13 @@ TEST(RecipeEngine, OneLineCommands)
 TEST(TargetBringUp, QuestionsAndFallbacks)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         log_capture c;
         device_open();
         device_set("cpu.name", "board");
         device_set_flag(DEVICE_FLAG_BNR);
-        fake.push_bytes(ack()); // nop
-        fake.push_bytes(ack("boot_device=\"UFS-and-a-long-name\""));
-        fake.push_bytes(ack("cpu.ver=\"0x10\""));
-        fake.push_bytes(ack("cpu.vername=\"v2\""));
-        fake.push_bytes(ack("secure=\"10\""));
+        fake.push_all({ack(), ack("boot_device=\"UFS-and-a-long-name\""), ack("cpu.ver=\"0x10\""),
+                       ack("cpu.vername=\"v2\""), ack("secure=\"10\"")});
         ASSERT_NE(get_firehose(), nullptr);
         EXPECT_STREQ(device_get("storage.type", nullptr), "UFS-and-a-long-"); // 15 characters
         EXPECT_EQ(device_getu("cpu.ver", 0), 16u);
@@ -186,17 +186,13 @@ TEST(TargetBringUp, QuestionsAndFallbacks)
                                             "getvar value=\"cpu.ver\"", "getvar value=\"cpu.vername\"",
                                             "getvar value=\"secure\""}));
     });
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         log_capture c;
         fake.clear_script();
         device_open();
         device_set_flag(DEVICE_FLAG_BNR);
-        fake.push_bytes(ack());
-        fake.push_bytes(nak()); // boot_device
-        fake.push_bytes(ack("cpu.ver=\"abc\""));
-        fake.push_bytes(ack("cpu.vername=\"v3\""));
-        fake.push_bytes(ack("secure=\"no\""));
+        fake.push_all({ack(), nak() /* boot_device */, ack("cpu.ver=\"abc\""), ack("cpu.vername=\"v3\""),
+                       ack("secure=\"no\"")});
         ASSERT_NE(get_firehose(), nullptr);
         EXPECT_STREQ(device_get("storage.type", nullptr), "eMMC");
         EXPECT_STREQ(device_get("cpu.vername", nullptr), "unknown");
@@ -207,8 +203,7 @@ TEST(TargetBringUp, QuestionsAndFallbacks)
     });
     // Forced backup keeps the flag on a secure target.
     rk_enable_forced_bnr();
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         fake.clear_script();
         device_set_flag(DEVICE_FLAG_BNR);
         bring_up(fake, "true");
@@ -221,13 +216,12 @@ TEST(TargetBringUp, QuestionsAndFallbacks)
 TEST(TargetBringUp, ConfigureNegotiatesThePayload)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         fake.written.clear();
         log_capture c;
-        fake.push_bytes(nak("MaxPayloadSizeToTargetInBytes=\"65536\""));
-        fake.push_bytes(ack("MaxPayloadSizeToTargetInBytesSupported=\"2097152\""));
+        fake.push_all({nak("MaxPayloadSizeToTargetInBytes=\"65536\""),
+                       ack("MaxPayloadSizeToTargetInBytesSupported=\"2097152\"")});
         firehose_do_fmt("configure SkipStorageInit=\"0\"");
         EXPECT_EQ(get_error(), 0);
         EXPECT_EQ(commands(fake.written),
@@ -252,8 +246,7 @@ TEST(TargetBringUp, ConfigureNegotiatesThePayload)
         fake.push_bytes(nak());
         firehose_do_fmt("configure SkipStorageInit=\"1\"");
         EXPECT_EQ(get_error() & 0xFF, ERR_BAD_RESPONSE);
-        fake.push_bytes(nak("MaxPayloadSizeToTargetInBytes=\"9999999\""));
-        fake.push_bytes(nak());
+        fake.push_all({nak("MaxPayloadSizeToTargetInBytes=\"9999999\""), nak()});
         fake.written.clear();
         firehose_do_fmt("configure SkipStorageInit=\"1\"");
         EXPECT_EQ(get_error() & 0xFF, ERR_NAK);
@@ -269,14 +262,12 @@ TEST(ImageTransfer, ProgramSendsTheEntryPaddedToSectors)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         device_setu("fh.max_packet_sz", 512);
         std::string image(1000, 'i');
         fake.written.clear();
-        fake.push_bytes(raw_ack());
-        fake.push_bytes(ack());
+        fake.push_all({raw_ack(), ack()});
         int32_t code = run_package("<recipe filename=\"r.xml\"/>",
                                    {{"boot.img", image},
                                     {"r.xml", "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" filename=\"boot.img\" "
@@ -313,82 +304,66 @@ TEST(ImageTransfer, ProgramSendsTheEntryPaddedToSectors)
 TEST(ImageTransfer, ProgramFromMemoryAndDumpBack)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         device_setu("fh.max_packet_sz", 4096);
         std::string data(10240, '\0');
         for (size_t i = 0; i < data.size(); i++)
             data[i] = (char)(i * 13);
         fake.written.clear();
-        fake.push_bytes(raw_ack());
-        fake.push_bytes(ack());
-        firehose_do_fmt("program SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"20\" load_from=\"BUFFER\" "
-                        "buffer=\"0x%lX\"",
-                        (unsigned long)(uintptr_t)data.data());
-        EXPECT_EQ(get_error(), 0);
+        fake.push_all({raw_ack(), ack()});
+        EXPECT_EQ(to_buffer("program SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"20\" load_from=\"BUFFER\"",
+                            data.data()),
+                  0);
         // Raw chunks go out as they are, 4096 + 4096 + 2048.
         EXPECT_EQ(fake.written.substr(fake.written.size() - 10240), data);
 
         // dump: an 8-byte request per chunk, the full size every time.
         std::string back(10240, '\0');
         fake.written.clear();
-        fake.push_bytes(raw_ack());
-        fake.push_bytes(data.substr(0, 4096));
-        fake.push_bytes(data.substr(4096, 4096));
-        fake.push_bytes(data.substr(8192));
-        firehose_do_fmt("dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"20\" buffer=\"0x%lX\" "
-                        "save_to=\"buffer\"",
-                        (unsigned long)(uintptr_t)back.data());
-        EXPECT_EQ(get_error(), 0);
+        fake.push_all({raw_ack(), data.substr(0, 4096), data.substr(4096, 4096), data.substr(8192)});
+        EXPECT_EQ(to_buffer("dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"20\" save_to=\"buffer\"",
+                            back.data()),
+                  0);
         EXPECT_EQ(back, data);
         std::string request("DATA\x00\x10\x00\x00", 8);
         EXPECT_EQ(fake.written.substr(fake.written.size() - 24), request + request + request);
 
         // A chunk size that is no multiple of the sector size is refused.
         device_setu("fh.max_packet_sz", 1000);
-        firehose_do_fmt("dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"1\" buffer=\"0x%lX\"",
-                        (unsigned long)(uintptr_t)back.data());
-        EXPECT_EQ(get_error() & 0xFF, ERR_BAD_PARAM);
+        const std::string dump1 = "dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"1\"";
+        EXPECT_EQ(to_buffer(dump1, back.data()) & 0xFF, ERR_BAD_PARAM);
         // A stalled target fails the dump.
         device_setu("fh.max_packet_sz", 512);
         fake.clear_script();
-        fake.push_bytes(raw_ack());
-        fake.push_bytes(std::string(100, 'x'));
-        firehose_do_fmt("dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"1\" buffer=\"0x%lX\"",
-                        (unsigned long)(uintptr_t)back.data());
-        EXPECT_EQ(get_error() & 0xFF, ERR_IO);
+        fake.push_all({raw_ack(), std::string(100, 'x')});
+        EXPECT_EQ(to_buffer(dump1, back.data()) & 0xFF, ERR_IO);
     });
 }
 
 TEST(ImageTransfer, ReadShrinksAndGrowsItsChunk)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         std::string out(64 * 16, '\0');
         std::string disk(64 * 16, '\0');
         for (size_t i = 0; i < disk.size(); i++)
             disk[i] = (char)(i * 7 + 1);
         // First attempt: ACK, then only part of the data, and silence.
-        fake.push_bytes(ack());
-        fake.push_bytes(disk.substr(0, 100));
+        fake.push_all({ack(), disk.substr(0, 100)});
         fake.push_idle(10); // one whole empty device read
         // Then chunks of 16, 32, 16 (the rest) sectors succeed.
         size_t at = 0;
         for (size_t count : {16u, 32u, 16u}) {
-            fake.push_bytes(ack());
-            fake.push_bytes(disk.substr(at, count * 16));
-            fake.push_bytes(ack());
+            fake.push_all({ack(), disk.substr(at, count * 16), ack()});
             at += count * 16;
         }
         fake.written.clear();
         log_capture c;
-        firehose_do_fmt("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"100\" num_partition_sectors=\"64\" "
-                        "buffer=\"0x%lX\"",
-                        (unsigned long)(uintptr_t)out.data());
-        EXPECT_EQ(get_error(), 0);
+        EXPECT_EQ(to_buffer("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"100\" num_partition_sectors=\"64\"",
+                            out.data()),
+                  0);
         EXPECT_EQ(out, disk);
         auto cmds = commands(fake.written);
         ASSERT_EQ(cmds.size(), 4u);
@@ -398,31 +373,25 @@ TEST(ImageTransfer, ReadShrinksAndGrowsItsChunk)
         EXPECT_NE(cmds[3].find("start_sector=\"148\" num_partition_sectors=\"16\""), std::string::npos);
         EXPECT_TRUE(c.has("...retry\n"));
 
-        firehose_do_fmt("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"0\" num_partition_sectors=\"1\" "
-                        "buffer=\"0x%lX\"",
-                        (unsigned long)(uintptr_t)out.data());
-        EXPECT_EQ(get_error() & 0xFF, ERR_BAD_PARAM);
+        EXPECT_EQ(to_buffer("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"0\" num_partition_sectors=\"1\"",
+                            out.data()) & 0xFF,
+                  ERR_BAD_PARAM);
     });
 }
 
 TEST(ImageTransfer, ReadOutlastsSixteenRefusals)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         std::string out(64, '\0');
         std::string disk(64, 'd');
         for (int i = 0; i < 16; i++)
             fake.push_bytes(nak());
-        fake.push_bytes(ack());
-        fake.push_bytes(disk);
-        fake.push_bytes(ack());
+        fake.push_all({ack(), disk, ack()});
         fake.written.clear();
-        firehose_do_fmt("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"8\" num_partition_sectors=\"4\" "
-                        "buffer=\"0x%lX\"",
-                        (unsigned long)(uintptr_t)out.data());
-        EXPECT_EQ(get_error(), 0);
+        const std::string read4 = "read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"8\" num_partition_sectors=\"4\"";
+        EXPECT_EQ(to_buffer(read4, out.data()), 0);
         EXPECT_EQ(out, disk);
         // The chunk stays whole through refusals of the command.
         for (auto &cmd : commands(fake.written))
@@ -432,9 +401,6 @@ TEST(ImageTransfer, ReadOutlastsSixteenRefusals)
         // The seventeenth refusal in a row ends it with the refusal's code.
         for (int i = 0; i < 17; i++)
             fake.push_bytes(nak());
-        firehose_do_fmt("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"8\" num_partition_sectors=\"4\" "
-                        "buffer=\"0x%lX\"",
-                        (unsigned long)(uintptr_t)out.data());
-        EXPECT_EQ(get_error() & 0xFF, ERR_NAK);
+        EXPECT_EQ(to_buffer(read4, out.data()) & 0xFF, ERR_NAK);
     });
 }

@@ -7,18 +7,18 @@
 
 #include "core/core.h"
 #include "firehose/link.h"
+#include "firehose/scripted_target.h"
 #include "link/device.h"
 #include "support/fake_platform.h"
 #include "support/helpers.h"
+#include "tags/doc_view.h"
 
 using namespace ravik;
 using namespace ravik::test;
 
 namespace {
 
-
-const std::string ACK = "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<response value=\"ACK\" />\n</data>";
-const std::string NAK = "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<response value=\"NAK\" />\n</data>";
+const std::string ACK = ack(), NAK = nak();
 std::string log_doc(const std::string &v)
 {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<log value=\"" + v + "\" />\n</data>";
@@ -33,23 +33,16 @@ void wake(fake_platform &fake)
     fake.written.clear();
 }
 
-std::vector<std::string> names(const xtags *doc)
-{
-    std::vector<std::string> out;
-    list_for_each_safe(it, tmp, &doc->lines) out.push_back(list_entry(it, tagline, link)->name);
-    return out;
-}
+std::vector<std::string> names(const xtags *doc) { return names_of(&doc->lines); }
 } // namespace
 
 TEST(FirehoseLink, WakeUpSettlesOnceAndSendsTheNop)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         log_capture c;
         ASSERT_EQ(device_open(), 0);
-        fake.push_bytes(ACK);
-        fake.push_bytes(ACK);
+        fake.push_all({ACK, ACK});
         double t0 = fake.clock;
         xtags *doc = fh_send_fmt("getvar value=\"%s\"", "secure");
         ASSERT_NE(doc, nullptr);
@@ -67,8 +60,7 @@ TEST(FirehoseLink, WakeUpSettlesOnceAndSendsTheNop)
 TEST(FirehoseLink, NoCommandIsAMultipleOf512Bytes)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         wake(fake);
         log_capture c;
         logger_set_level(LOG_DEBUG);
@@ -89,8 +81,7 @@ TEST(FirehoseLink, NoCommandIsAMultipleOf512Bytes)
 TEST(FirehoseLink, AnswerCutAnywhereBecomesOneDocument)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         wake(fake);
         std::string whole = log_doc("a") + log_doc("b") + ACK;
         for (size_t cut : {whole.size(), (size_t)1, (size_t)7}) {
@@ -108,8 +99,7 @@ TEST(FirehoseLink, AnswerCutAnywhereBecomesOneDocument)
 TEST(FirehoseLink, NakIsAnAnswerWithItsLogLines)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         wake(fake);
         log_capture c;
         fake.push_bytes(log_doc("bad sector") + log_doc("") + NAK);
@@ -140,8 +130,7 @@ TEST(FirehoseLink, NakIsAnAnswerWithItsLogLines)
 TEST(FirehoseLink, SilenceAndIncompleteAnswersTimeOut)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         wake(fake);
         double t0 = fake.clock;
         EXPECT_EQ(fh_send_fmt("nop value=\"x\""), nullptr);
@@ -173,12 +162,10 @@ TEST(FirehoseLink, SilenceAndIncompleteAnswersTimeOut)
 TEST(FirehoseLink, RawModeAnswers)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         wake(fake);
-        xtags *cmd = xtags_create();
-        ASSERT_EQ(xtags_parse(cmd, "<program SECTOR_SIZE_IN_BYTES=\"512\" />"), 0);
-        tagline *line = list_entry(cmd->lines.next, tagline, link);
+        doc_of cmd("<program SECTOR_SIZE_IN_BYTES=\"512\" />");
+        tagline *line = cmd.first();
 
         // Byte for byte: the exact form.
         std::string exact = RAWMODE_START1;
@@ -203,34 +190,29 @@ TEST(FirehoseLink, RawModeAnswers)
         EXPECT_EQ(fh_send_and_switch_to_raw(line), nullptr);
         EXPECT_FALSE(fh_check_ack());
         EXPECT_EQ(get_error(), ERR_NO_RESPONSE);
-        xtags_free(cmd);
     });
 }
 
 TEST(FirehoseLink, CommitResultWaitsPastOrdinaryAnswers)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         wake(fake);
-        xtags *cmd = xtags_create();
-        ASSERT_EQ(xtags_parse(cmd, "<ufs commit=\"1\" />"), 0);
-        tagline *line = list_entry(cmd->lines.next, tagline, link);
+        doc_of cmd("<ufs commit=\"1\" />");
+        tagline *line = cmd.first();
         fake.push_bytes(log_doc("committing") + ACK);
         fake.push_bytes("<?xml version=\"1.0\" ?><data><response value=\"ACK\" commit_result=\"2\" /></data>");
         xtags *doc = fh_send_and_wait_commit_result(line);
         ASSERT_NE(doc, nullptr);
         EXPECT_EQ(names(doc), (std::vector<std::string>{"log", "response", "response"}));
         EXPECT_STREQ(xtags_get(doc, "response", "commit_result"), "2");
-        xtags_free(cmd);
     });
 }
 
 TEST(FirehoseLink, WakeUpGivesUpAfterSixtySeconds)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         ASSERT_EQ(device_open(), 0);
         // The programmer refuses the nop every time.
         for (int i = 0; i < 200; i++)
@@ -255,8 +237,7 @@ TEST(FirehoseLink, WakeUpGivesUpAfterSixtySeconds)
 TEST(FirehoseLink, InvalidateKeepsSettings)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         wake(fake);
         EXPECT_DOUBLE_EQ(fh_read_latency(8.0), 1.5);
         EXPECT_DOUBLE_EQ(fh_read_latency(0), 8.0);
@@ -278,8 +259,7 @@ TEST(FirehoseLink, InvalidateKeepsSettings)
 TEST(FirehoseLink, LateAnswerIsTakenByTheNextCommand)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         wake(fake);
         fake.push_idle(10); // one whole empty read: the first command times out
         fake.push_bytes("<?xml version=\"1.0\" ?><data><response value=\"ACK\" late=\"yes\" /></data>");
@@ -293,12 +273,10 @@ TEST(FirehoseLink, LateAnswerIsTakenByTheNextCommand)
 TEST(FirehoseLink, AnswerBehindARawModeAnswerIsKeptForTheNextRead)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         wake(fake);
-        xtags *cmd = xtags_create();
-        ASSERT_EQ(xtags_parse(cmd, "<program SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"0\" />"), 0);
-        tagline *line = list_entry(cmd->lines.next, tagline, link);
+        doc_of cmd("<program SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"0\" />");
+        tagline *line = cmd.first();
         // A program of 0 sectors: the target answers twice in one burst.
         std::string raw = "<?xml version=\"1.0\" ?><data>\n" + std::string(RAWMODE_START2) + "\n</data>";
         fake.push_bytes(raw.substr(0, 3));
@@ -317,6 +295,5 @@ TEST(FirehoseLink, AnswerBehindARawModeAnswerIsKeptForTheNextRead)
         fake.push_bytes(ACK); // the wake-up nop
         EXPECT_NE(get_fh(), nullptr);
         EXPECT_EQ(fh_read_resp(), nullptr);
-        xtags_free(cmd);
     });
 }

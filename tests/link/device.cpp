@@ -16,8 +16,7 @@ using namespace ravik::test;
 TEST(DeviceRead, IdleLineGivesZeroAfterElevenSeconds)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         ASSERT_EQ(device_open(), 0);
         log_capture c;
         set_error(ERR_NAK);
@@ -34,8 +33,7 @@ TEST(DeviceRead, IdleLineGivesZeroAfterElevenSeconds)
 TEST(DeviceRead, ReturnsWhatComesWithoutFillingTheBuffer)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         ASSERT_EQ(device_open(), 0);
         fake.push_idle(3);
         fake.push_bytes("hello");
@@ -50,8 +48,7 @@ TEST(DeviceRead, ReturnsWhatComesWithoutFillingTheBuffer)
 TEST(DeviceRead, VanishedPortLogsEveryAttempt)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         ASSERT_EQ(device_open(), 0);
         for (int i = 0; i < 10; i++)
             fake.push_read_error(EIO);
@@ -66,8 +63,7 @@ TEST(DeviceRead, VanishedPortLogsEveryAttempt)
 TEST(DeviceWrite, ShortZeroAndFailedWrites)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         ASSERT_EQ(device_open(), 0);
         fake.write_cap = 3;
         EXPECT_EQ(device_write("abcdef", 6), 3);
@@ -88,8 +84,7 @@ TEST(DeviceWrite, ShortZeroAndFailedWrites)
 TEST(DeviceIo, HexdumpFlagDumpsTrafficAtDebugLevel)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         ASSERT_EQ(device_open(), 0);
         device_set_flag(DEVICE_FLAG_HEXDUMP | DEVICE_FLAG_DEBUG);
         log_capture c;
@@ -106,8 +101,7 @@ TEST(DeviceIo, HexdumpFlagDumpsTrafficAtDebugLevel)
 TEST(DeviceFlags, DebugForcesLevelThreeOnEverySetting)
 {
     fake_platform fake;
-    on_fresh_thread([] {
-        end_of_session end;
+    in_session([] {
         EXPECT_FALSE(device_has_flag(DEVICE_FLAG_DEBUG));
         device_set_flag(DEVICE_FLAG_DEBUG);
         EXPECT_EQ(logger_get_level(), (uint32_t)LOG_DEBUG);
@@ -129,20 +123,13 @@ namespace {
 struct bus {
     std::vector<std::string> heard;
 };
-int32_t first(int32_t ev, void *, void *ctx)
+// Subscriber 1 takes itself off the list as it hears.
+template <int N> int32_t hear(int32_t ev, void *, void *ctx)
 {
-    static_cast<bus *>(ctx)->heard.push_back("first:" + std::to_string(ev));
-    return 0;
-}
-int32_t self_removing(int32_t ev, void *, void *ctx)
-{
-    static_cast<bus *>(ctx)->heard.push_back("self:" + std::to_string(ev));
-    device_unsubscribe(self_removing);
-    return 0;
-}
-int32_t last(int32_t ev, void *, void *ctx)
-{
-    static_cast<bus *>(ctx)->heard.push_back("last:" + std::to_string(ev));
+    static const char *name[] = {"first", "self", "last"};
+    static_cast<bus *>(ctx)->heard.push_back(name[N] + (":" + std::to_string(ev)));
+    if (N == 1)
+        device_unsubscribe(hear<1>);
     return 0;
 }
 } // namespace
@@ -153,14 +140,12 @@ TEST(DeviceEvents, OrderSelfRemovalAndDoubleSubscription)
     on_fresh_thread([] {
         bus b;
         end_of_session end;
-        device_subscribe(first, &b);
-        device_subscribe(self_removing, &b);
-        device_subscribe(last, &b);
-        device_subscribe(first, &b);
+        for (device_fn cb : {hear<0>, hear<1>, hear<2>, hear<0>})
+            device_subscribe(cb, &b);
         device_broadcast(7, nullptr);
         EXPECT_EQ(b.heard, (std::vector<std::string>{"first:7", "self:7", "last:7", "first:7"}));
         b.heard.clear();
-        device_unsubscribe(first); // both entries go
+        device_unsubscribe(hear<0>); // both entries go
         device_broadcast(8, nullptr);
         EXPECT_EQ(b.heard, (std::vector<std::string>{"last:8"}));
     });
@@ -169,8 +154,7 @@ TEST(DeviceEvents, OrderSelfRemovalAndDoubleSubscription)
 TEST(DeviceEvents, LogLinesReachSubscribersButTheDumpDoesNot)
 {
     fake_platform fake;
-    on_fresh_thread([] {
-        end_of_session end;
+    in_session([] {
         event_log log;
         device_set_name("ttyX");
         device_subscribe(record_events, &log);
@@ -191,8 +175,7 @@ TEST(DeviceEvents, LogLinesReachSubscribersButTheDumpDoesNot)
 TEST(DeviceLifecycle, FreeKeepsNameAndFlagsAndDropsTheRest)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         device_set_name("keep-me");
         device_set_flag(DEVICE_FLAG_UFS_LOCK);
         ASSERT_EQ(device_open(), 0);
@@ -220,8 +203,7 @@ TEST(DeviceLifecycle, LowLevelSkipsTheDumpButStillSavesAndRaisesEvents)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([] {
-        end_of_session end;
+    in_session([] {
         logger_set_level(LOG_WARN);
         event_log log;
         device_subscribe(record_events, &log);
@@ -238,8 +220,7 @@ TEST(DeviceLifecycle, LowLevelSkipsTheDumpButStillSavesAndRaisesEvents)
 TEST(DeviceLifecycle, NoMemoryForTheThreadBlock)
 {
     fake_platform fake;
-    on_fresh_thread([] {
-        end_of_session end;
+    in_session([] {
         get_error(); // the error block exists
         mem_fail_nth(1);
         EXPECT_EQ(get_device(), nullptr);

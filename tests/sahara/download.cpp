@@ -31,6 +31,8 @@ struct download_fixture {
     std::string image = make_image(10000);
     explicit download_fixture(fake_platform &f) : fake(f)
     {
+        fake.clear_script();
+        fake.written.clear();
         EXPECT_EQ(device_open(), 0);
         device_setu("sahara.current_mode", 3);
         fake.push_bytes(hello(0));
@@ -51,16 +53,12 @@ struct download_fixture {
 TEST(SaharaDownload, ServesRangesInAnyOrderAndTwice)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         download_fixture d(fake);
-        fake.push_bytes(read_data(4096, 4096));
-        fake.push_bytes(read_data(0, 52));
-        fake.push_bytes(read_data_64(0xFFFFFFFFFFull, 9000, 1000));
-        fake.push_bytes(read_data(0, 52));
-        fake.push_bytes(read_data(10000, 0)); // ends exactly at the image end: nothing to send
-        fake.push_bytes(end_image(0));
-        fake.push_bytes(done_resp(1));
+        fake.push_all({read_data(4096, 4096), read_data(0, 52), read_data_64(0xFFFFFFFFFFull, 9000, 1000),
+                       read_data(0, 52),
+                       read_data(10000, 0), // ends exactly at the image end: nothing to send
+                       end_image(0), done_resp(1)});
         ASSERT_EQ(d.run(), 0);
         host_wire w = d.after_greeting();
         EXPECT_EQ(w.next_raw(4096), d.image.substr(4096, 4096));
@@ -76,15 +74,11 @@ TEST(SaharaDownload, ServesRangesInAnyOrderAndTwice)
 TEST(SaharaDownload, AfterAResetTheTargetGreetsFirst)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         ASSERT_EQ(device_open(), 0);
         device_setu("sahara.current_mode", 0);
         std::string image = make_image(100);
-        fake.push_bytes(hello(0));
-        fake.push_bytes(read_data(0, 100));
-        fake.push_bytes(end_image(0));
-        fake.push_bytes(done_resp(0));
+        fake.push_all({hello(0), read_data(0, 100), end_image(0), done_resp(0)});
         ASSERT_EQ(sahara_download(image.data(), 100), 0);
         host_wire w{fake.written};
         EXPECT_EQ(w.next_packet(), words(2, {2, 2, 0, 0}, 48));
@@ -97,31 +91,22 @@ TEST(SaharaDownload, RangesOutsideTheImageFail)
     fake_platform fake;
     struct c {
         std::string request;
-        int code;
         bool logged;
     } cases[] = {
-        {read_data(0, 10001), ERR_RANGE, false},
-        {read_data(0xFFFFFFF0u, 0x20), ERR_RANGE, false},
-        {read_data_64(0, 0, 1ull << 32), ERR_RANGE, true},
-        {read_data_64(0, 1ull << 32, 1), ERR_RANGE, true},
-        {read_data_64(0, 0xFFFFFFFFull, 0xFFFFFFFFull), ERR_RANGE, false},
+        {read_data(0, 10001), false},
+        {read_data(0xFFFFFFF0u, 0x20), false},
+        {read_data_64(0, 0, 1ull << 32), true},
+        {read_data_64(0, 1ull << 32, 1), true},
+        {read_data_64(0, 0xFFFFFFFFull, 0xFFFFFFFFull), false},
     };
     for (auto &k : cases) {
-        on_fresh_thread([&] {
-            end_of_session end;
-            fake.clear_script();
-            fake.written.clear();
+        in_session([&] {
             log_capture cap;
             download_fixture d(fake);
             fake.push_bytes(k.request);
-            int32_t code = d.run();
-            EXPECT_EQ(code & 0xFF, k.code);
-            bool logged = false;
-            for (auto &l : cap.lines)
-                logged |= l == "data chunk >= 4GB not supported\n";
-            EXPECT_EQ(logged, k.logged);
-            host_wire w = d.after_greeting();
-            EXPECT_TRUE(w.done()); // not a byte of the image went out
+            EXPECT_EQ(d.run() & 0xFF, ERR_RANGE);
+            EXPECT_EQ(cap.has("data chunk >= 4GB not supported\n"), k.logged);
+            EXPECT_TRUE(d.after_greeting().done()); // not a byte of the image went out
         });
     }
 }
@@ -129,41 +114,28 @@ TEST(SaharaDownload, RangesOutsideTheImageFail)
 TEST(SaharaDownload, TargetEndsAndAborts)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         {
             download_fixture d(fake);
             fake.push_bytes(end_image(5));
             int32_t code = d.run();
             EXPECT_EQ(code & 0xFF, 133);
             EXPECT_STREQ(format_error(code), "sahara_download()->Invalid packet size received");
-            host_wire w = d.after_greeting();
-            EXPECT_TRUE(w.done()); // no DONE after an abort
+            EXPECT_TRUE(d.after_greeting().done()); // no DONE after an abort
         }
         {
-            fake.clear_script();
-            fake.written.clear();
             download_fixture d(fake);
-            fake.push_bytes(end_image(0));
-            fake.push_bytes(done_resp(2));
+            fake.push_all({end_image(0), done_resp(2)});
             EXPECT_EQ(d.run() & 0xFF, ERR_GENERAL);
         }
         {
-            fake.clear_script();
-            fake.written.clear();
             log_capture cap;
             download_fixture d(fake);
-            fake.push_bytes(read_data(0, 10));
-            fake.push_bytes(hello(0)); // the target restarted mid-transfer
+            fake.push_all({read_data(0, 10), hello(0)}); // the target restarted mid-transfer
             EXPECT_EQ(d.run() & 0xFF, ERR_GENERAL);
-            bool logged = false;
-            for (auto &l : cap.lines)
-                logged |= l == "Unexpected command, expecting 3 or 18 or 4, got 1 instead.\n";
-            EXPECT_TRUE(logged);
+            EXPECT_TRUE(cap.has("Unexpected command, expecting 3 or 18 or 4, got 1 instead.\n"));
         }
         {
-            fake.clear_script();
-            fake.written.clear();
             download_fixture d(fake);
             fake.push_bytes(read_data(0, 10));
             fake.write_caps = {UINT32_MAX, UINT32_MAX, 5}; // part of the range only
@@ -175,8 +147,7 @@ TEST(SaharaDownload, TargetEndsAndAborts)
 TEST(SaharaDownload, SwitchAndDoneExchangeFailures)
 {
     fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         ASSERT_EQ(device_open(), 0);
         // The target does not greet after the switch.
         device_setu("sahara.current_mode", 3);
@@ -188,13 +159,8 @@ TEST(SaharaDownload, SwitchAndDoneExchangeFailures)
         // Something other than DONE_RESP answers DONE.
         device_setu("sahara.current_mode", 3);
         log_capture cap;
-        fake.push_bytes(hello(0));
-        fake.push_bytes(end_image(0));
-        fake.push_bytes(read_data(0, 8));
+        fake.push_all({hello(0), end_image(0), read_data(0, 8)});
         EXPECT_EQ(sahara_download(image.data(), 64) & 0xFF, ERR_GENERAL);
-        bool logged = false;
-        for (auto &l : cap.lines)
-            logged |= l == "Unexpected command, expecting 6, got 3 instead.\n";
-        EXPECT_TRUE(logged);
+        EXPECT_TRUE(cap.has("Unexpected command, expecting 6, got 3 instead.\n"));
     });
 }

@@ -46,8 +46,7 @@ TEST(PackageSelection, BoardByIdAndPackageByFilter)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         log_capture c;
         std::map<std::string, std::string> files = {
             {"index.xml", "<?xml version=\"1.0\"?>\n<index>\n<!-- boards -->\n"

@@ -36,8 +36,7 @@ TEST(StorageAccess, SeekReadAndTheirRules)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         push_discovery(fake, 512, {{4096, make_gpt({{"p", 64, 71}}, 512, 4096)}});
         pt *p = pt_find("p", 0);
@@ -92,8 +91,7 @@ TEST(StorageAccess, WritesSplitOffAPartialLastSector)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         push_discovery(fake, 4096, {{1000, make_gpt({{"a", 10, 19}}, 4096, 1000)}});
         pt *a = pt_find("a", -1);
@@ -114,8 +112,7 @@ TEST(StorageAccess, WritesSplitOffAPartialLastSector)
         EXPECT_EQ(pt_write(a, data.data(), 4096), 0u);
         EXPECT_EQ(get_error() & 0xFF, ERR_BAD_PARAM);
     });
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         push_discovery(fake, 512, {{4096, make_gpt({{"s", 40, 47}}, 512, 4096)}});
         pt *s = pt_find("s", 0);
@@ -135,8 +132,7 @@ TEST(StorageAccess, ErasesRunTheWholeWidthAndHighestLunWins)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         // 16 GiB LUNs; "big" begins at 5 GiB and is 4 GiB and 1 MiB long.
         const uint64_t sectors = 4ull << 20, big_first = 5ull << 18, big_len = ((4ull << 30) + (1 << 20)) / 4096;

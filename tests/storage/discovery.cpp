@@ -38,8 +38,7 @@ TEST(StorageDiscovery, WordingsDecideTheBase)
     fake_platform fake;
     temp_cwd cwd;
     // Hexadecimal in the first two wordings, decimal in the third.
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         ASSERT_EQ(discover_with(fake, {"Device Block Size in Bytes: 200", "Device Total Physical Paritions: 1",
                                        "Device Total Logical Blocks: 1000"}),
@@ -52,8 +51,7 @@ TEST(StorageDiscovery, WordingsDecideTheBase)
         EXPECT_EQ(lun_size(0), 0x1000ull * 512);
         EXPECT_EQ(s->part, nullptr);
     });
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         log_capture c;
         ASSERT_EQ(discover_with(fake,
@@ -75,8 +73,7 @@ TEST(StorageDiscovery, ALineGivesOneFactAndPatternsAreAnchored)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         // The LUN count behind the block size on the same line is not seen.
         fake.push_bytes(ack());
@@ -101,8 +98,7 @@ TEST(StorageDiscovery, LimitsAndFailuresFreeTheRecord)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         log_capture c;
         // Nine LUNs are too many.
@@ -148,8 +144,7 @@ TEST(StorageDiscovery, TablesUpToTheFirstLunWithout)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         push_discovery(fake, 4096,
                        {{1000, two_parts(4096, 1000, "boot", "data")},
@@ -178,8 +173,7 @@ TEST(StorageDiscovery, RediscoveryKeepsBlockSizeButNotPartitions)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         bring_up(fake);
         push_discovery(fake, 4096, {{1000, two_parts(4096, 1000, "a", "b")}});
         ASSERT_EQ(storage_init(), 0);

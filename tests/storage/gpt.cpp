@@ -29,8 +29,7 @@ TEST(Gpt, HeaderChecks)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         blank_lun(fake);
         std::string h = make_gpt({{"a", 10, 20}}, 4096, 1000).header;
         EXPECT_EQ(validate(h), 0);
@@ -68,8 +67,7 @@ TEST(Gpt, HostileTablesAreRefusedBeforeTheyAreRead)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         blank_lun(fake);
         auto try_open = [&](const gpt_bytes &g, bool array_too) {
             fake.written.clear();
@@ -157,8 +155,7 @@ TEST(Gpt, FlashFitsTheImageToTheLun)
 {
     fake_platform fake;
     temp_cwd cwd;
-    on_fresh_thread([&] {
-        end_of_session end;
+    in_session([&] {
         blank_lun(fake);
         gpt_bytes g = make_gpt({{"x", 10, 19}, {"y", 20, 29}, {"z", 30, 31}}, 4096, 50, 3, 128, false);
         std::string image = g.image(4096);

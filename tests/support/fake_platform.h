@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -24,6 +25,11 @@ class fake_platform {
     // Script of the incoming side, consumed in order. With the script empty,
     // a read is an idle second.
     void push_bytes(const std::string &bytes);
+    void push_all(std::initializer_list<std::string> parts)
+    {
+        for (auto &p : parts)
+            push_bytes(p);
+    }
     void push_idle(int reads = 1);
     void push_read_error(int err);
     void clear_script();

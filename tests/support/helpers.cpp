@@ -66,6 +66,14 @@ int32_t record_events(int32_t event, void *payload, void *context)
 
 end_of_session::~end_of_session() { free_device(); }
 
+void in_session(const std::function<void()> &fn)
+{
+    on_fresh_thread([&] {
+        end_of_session end;
+        fn();
+    });
+}
+
 log_capture::log_capture() { logger_subscribe("test-capture", on_line, this); }
 log_capture::~log_capture() { logger_unsubscribe("test-capture"); }
 

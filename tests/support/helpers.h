@@ -41,6 +41,9 @@ struct end_of_session {
     ~end_of_session();
 };
 
+// on_fresh_thread with the session ended before the thread ends.
+void in_session(const std::function<void()> &fn);
+
 // Subscribes to the thread's log for its lifetime; keeps each line without
 // its "[%7.3f] " stamp.
 class log_capture {

@@ -51,6 +51,16 @@ inline tagline *first_line(xtags *doc)
     return list_empty(&doc->lines) ? nullptr : list_entry(doc->lines.next, tagline, link);
 }
 
+// A document parsed from `text`, freed on scope exit.
+struct doc_of {
+    xtags *doc;
+    explicit doc_of(const char *text) : doc(xtags_create()) { xtags_parse(doc, text); }
+    ~doc_of() { xtags_free(doc); }
+    doc_of(const doc_of &) = delete;
+    doc_of &operator=(const doc_of &) = delete;
+    tagline *first() const { return first_line(doc); }
+};
+
 inline std::vector<line_view> parsed(const std::string &text)
 {
     xtags *doc = xtags_create();

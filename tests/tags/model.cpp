@@ -15,14 +15,6 @@ using namespace ravik::test;
 
 namespace {
 
-// A document parsed from `text`, freed on scope exit.
-struct doc_of {
-    xtags *doc;
-    explicit doc_of(const char *text) : doc(xtags_create()) { xtags_parse(doc, text); }
-    ~doc_of() { xtags_free(doc); }
-    tagline *first() const { return first_line(doc); }
-};
-
 std::string current_log()
 {
     logger_view v{};
