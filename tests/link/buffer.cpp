@@ -30,14 +30,6 @@ template <typename F> void with_device(fake_platform &fake, F body)
     (void)fake;
 }
 
-std::string current_log()
-{
-    logger_view v{};
-    if (!logger_current(&v))
-        return {};
-    return std::string(v.data, std::min<uint32_t>(v.count, LOG_RING_SIZE));
-}
-
 } // namespace
 
 TEST(TransferBuffer, SecondAcquireFailsAndTheFirstHoldStands)

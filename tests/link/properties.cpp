@@ -17,18 +17,6 @@
 using namespace ravik;
 using namespace ravik::test;
 
-namespace {
-
-std::string previous_log()
-{
-    logger_view v{};
-    if (!logger_previous(&v))
-        return {};
-    return std::string(v.data, std::min<uint32_t>(v.count, LOG_RING_SIZE));
-}
-
-} // namespace
-
 TEST(DeviceProperties, TextKeysIgnoreCaseAndKeepTheirPlace)
 {
     on_fresh_thread([] {

@@ -4,49 +4,12 @@
 
 #ifdef RAVIK_HAVE_SIM
 
-#include <fstream>
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "container/container.h"
-#include "ravik.h"
-#include "sim.h"
-#include "support/helpers.h"
+#include "storage/sim_session.h"
 
 using namespace ravik;
 using namespace ravik::test;
 
 namespace {
-
-std::string bytes_of(const std::vector<uint8_t> &v) { return std::string(v.begin(), v.end()); }
-
-std::string pattern(size_t n, int seed)
-{
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; i++)
-        s[i] = (char)(i * 31 + seed);
-    return s;
-}
-
-void make_container(const std::string &path, const std::map<std::string, std::string> &entries)
-{
-    simg *w = simg_open(path.c_str(), SIMG_CREATE);
-    ASSERT_NE(w, nullptr);
-    for (auto &[name, data] : entries)
-        ASSERT_NE(simg_store(w, data.data(), data.size(), name.c_str()), nullptr);
-    simg_close(w);
-}
-
-std::string read_lun(const ravik_sim::target &t, unsigned lun, uint64_t offset, size_t n)
-{
-    std::ifstream f(t.lun_path(lun), std::ios::binary);
-    f.seekg((std::streamoff)offset);
-    std::string s(n, '\0');
-    f.read(s.data(), (std::streamsize)n);
-    return s;
-}
 
 const char *INDEX = "<?xml version=\"1.0\"?>\n<index>\n"
                     "  <board id=\"0x0BEE\" name=\"simboard\"/>\n"
@@ -56,39 +19,20 @@ const char *INDEX = "<?xml version=\"1.0\"?>\n<index>\n"
 const char *PACKAGE = "<package>\n  <programmer filename=\"programmer.elf\"/>\n"
                       "  <recipe filename=\"emmc.xml\" compatible=\"storage.type:eMMC\"/>\n"
                       "  <recipe filename=\"ufs.xml\" compatible=\"storage.type:UFS\"/>\n</package>\n";
-} // namespace
 
-// One session against a fresh simulated target.
-struct sim_run {
-    temp_cwd cwd;
-    ravik_sim::options o;
-    std::unique_ptr<ravik_sim::target> t;
-    event_log log;
-    int32_t code = -1;
-    std::string text; // all log lines the callback got
-
-    sim_run()
+// The plain target, and a package choosing its recipe by storage type.
+struct sim_run : sim_session {
+    sim_run() : sim_session(false) {}
+    void flash(std::map<std::string, std::string> entries, uint32_t flags = 0)
     {
-        o.link = cwd.path() + "/target";
-        o.storage_dir = cwd.path() + "/storage";
-    }
-    void flash(const std::map<std::string, std::string> &entries, uint32_t flags = 0)
-    {
-        t = std::make_unique<ravik_sim::target>(o);
-        t->start();
-        std::map<std::string, std::string> all = entries;
-        all["programmer.elf"] = bytes_of(ravik_sim::demo_programmer());
-        if (!all.count("index.xml"))
-            all["index.xml"] = INDEX;
-        if (!all.count("package.xml"))
-            all["package.xml"] = PACKAGE;
-        make_container("demo.img", all);
-        on_fresh_thread([&] { code = rk_flash_singleimage(o.link.c_str(), "demo.img", flags, record_events, &log); });
-        for (auto &l : log.lines)
-            text += l;
+        entries.emplace("index.xml", INDEX);
+        entries.emplace("package.xml", PACKAGE);
+        run_entries(entries, flags);
     }
     std::vector<std::string> commands() const { return t->wire().commands(); }
 };
+
+} // namespace
 
 TEST(SessionFlash, ProgramsBySectorOntoTheSimulatedTarget)
 {
@@ -106,7 +50,7 @@ TEST(SessionFlash, ProgramsBySectorOntoTheSimulatedTarget)
     EXPECT_NE(all.find("...filename = package.xml\n"), std::string::npos);
     EXPECT_NE(all.find("] done\n"), std::string::npos);
     EXPECT_EQ(all.find("never"), std::string::npos);
-    EXPECT_EQ(read_lun(*r.t, 0, 2048 * 512, 3072), boot + std::string(72, '\0'));
+    EXPECT_EQ(r.lun(0, 2048 * 512, 3072), boot + std::string(72, '\0'));
     auto images = r.t->wire().of_kind("image");
     ASSERT_FALSE(images.empty());
     EXPECT_EQ(images[0].text, "verified");
@@ -117,37 +61,18 @@ TEST(SessionFlash, ProgramsBySectorOntoTheSimulatedTarget)
 
 TEST(SessionFlash, FailuresOfEachStageGiveTheirCodes)
 {
-    temp_cwd cwd;
-    ravik_sim::options o;
-    o.link = cwd.path() + "/target";
-    o.storage_dir = cwd.path() + "/storage";
-    ravik_sim::target t(o);
-    t.start();
-    event_log log;
-    auto flash = [&](const char *image) {
-        int32_t code = 0;
-        log.lines.clear();
-        on_fresh_thread([&] { code = rk_flash_singleimage(o.link.c_str(), image, 0, record_events, &log); });
-        return code;
-    };
-    auto logged = [&](const std::string &line) {
-        for (auto &l : log.lines)
-            if (l.size() >= line.size() && l.compare(l.size() - line.size(), line.size(), line) == 0)
-                return true;
-        return false;
-    };
+    sim_run r;
     // The greeting happens before the container is looked at.
-    int32_t code = flash("missing.img");
-    EXPECT_EQ(code & 0xFF, ERR_OPEN_SIMG);
-    EXPECT_GE(t.wire().of_kind("sahara-rx").size(), 1u);
+    EXPECT_EQ(r.run("missing.img") & 0xFF, ERR_OPEN_SIMG);
+    EXPECT_GE(r.t->wire().of_kind("sahara-rx").size(), 1u);
 
-    make_container("noboard.img", {{"index.xml", "<board id=\"7\" name=\"other\"/>"}});
-    EXPECT_EQ(flash("noboard.img") & 0xFF, ERR_LOAD_PACKAGE);
-    EXPECT_TRUE(logged("] Failed identify board. Wrong package?\n"));
-    EXPECT_TRUE(logged("] ERROR: error loading package\n"));
+    container_bytes("noboard.img", {{"index.xml", "<board id=\"7\" name=\"other\"/>"}});
+    EXPECT_EQ(r.run("noboard.img") & 0xFF, ERR_LOAD_PACKAGE);
+    EXPECT_TRUE(r.count("] Failed identify board. Wrong package?\n"));
+    EXPECT_TRUE(r.count("] ERROR: error loading package\n"));
 
-    make_container("noprog.img", {{"index.xml", INDEX}, {"package.xml", PACKAGE}});
-    EXPECT_EQ(flash("noprog.img") & 0xFF, ERR_LOAD_PROGRAMMER);
+    container_bytes("noprog.img", {{"index.xml", INDEX}, {"package.xml", PACKAGE}});
+    EXPECT_EQ(r.run("noprog.img") & 0xFF, ERR_LOAD_PROGRAMMER);
 }
 
 TEST(SessionFlash, EmmcRecipeWithImagesPatchAndBootableDrive)
@@ -170,17 +95,12 @@ TEST(SessionFlash, EmmcRecipeWithImagesPatchAndBootableDrive)
                           "  <patch filename=\"gpt_main0.bin\" what=\"file patch\"/>\n"
                           "  <setbootablestoragedrive value=\"1\"/>\n</recipe>\n"}});
     ASSERT_EQ(r.code, 0) << r.text;
-    EXPECT_EQ(read_lun(*r.t, 0, 2048 * 512, 3072), boot + std::string(72, '\0'));
-    EXPECT_EQ(read_lun(*r.t, 0, 4096 * 512, 5120), system + std::string(120, '\0'));
-    EXPECT_EQ(read_lun(*r.t, 0, 10 * 512 + 4, 4), std::string("\x44\x33\x22\x11", 4));
+    EXPECT_EQ(r.lun(0, 2048 * 512, 3072), boot + std::string(72, '\0'));
+    EXPECT_EQ(r.lun(0, 4096 * 512, 5120), system + std::string(120, '\0'));
+    EXPECT_EQ(r.lun(0, 10 * 512 + 4, 4), std::string("\x44\x33\x22\x11", 4));
     EXPECT_NE(r.text.find("Patching DISK -- marker\n"), std::string::npos);
     auto cmds = r.commands();
-    auto has = [&](const std::string &doc) {
-        for (auto &c : cmds)
-            if (c == doc)
-                return true;
-        return false;
-    };
+    auto has = [&](const std::string &doc) { return std::find(cmds.begin(), cmds.end(), doc) != cmds.end(); };
     EXPECT_TRUE(has("<?xml version=\"1.0\"?><data><configure SkipStorageInit=\"0\" Verbose=\"0\" ZlpAwareHost=\"1\" "
                     "MemoryName=\"eMMC\" MaxPayloadSizeToTargetInBytes=\"1048576\"/></data>"));
     EXPECT_TRUE(has("<?xml version=\"1.0\"?><data><setbootablestoragedrive value=\"1\"/></data>"));
@@ -201,8 +121,8 @@ TEST(SessionFlash, UfsLunWithFourKiBSectors)
     ASSERT_EQ(r.code, 0) << r.text;
     EXPECT_EQ(r.text.find("wrong road"), std::string::npos);
     EXPECT_NE(r.text.find("...UFS\n"), std::string::npos);
-    EXPECT_EQ(read_lun(*r.t, 2, 16 * 4096, 12288), image + std::string(2288, '\0'));
-    EXPECT_EQ(read_lun(*r.t, 0, 16 * 4096, 4096), std::string(4096, '\0'));
+    EXPECT_EQ(r.lun(2, 16 * 4096, 12288), image + std::string(2288, '\0'));
+    EXPECT_EQ(r.lun(0, 16 * 4096, 4096), std::string(4096, '\0'));
 }
 
 TEST(SessionFlash, OneByteAnswersAndASixtyFourKiBPayload)
@@ -217,7 +137,7 @@ TEST(SessionFlash, OneByteAnswersAndASixtyFourKiBPayload)
                           "filename=\"boot.img\" physical_partition_number=\"0\" start_sector=\"64\"/>"}},
             DEVICE_FLAG_DEBUG);
     ASSERT_EQ(r.code, 0) << r.text.substr(r.text.size() > 4000 ? r.text.size() - 4000 : 0);
-    EXPECT_EQ(read_lun(*r.t, 0, 64 * 512, image.size()), image);
+    EXPECT_EQ(r.lun(0, 64 * 512, image.size()), image);
     int configures = 0;
     for (auto &c : r.commands())
         configures += c.find("<configure ") != std::string::npos;

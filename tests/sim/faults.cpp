@@ -28,8 +28,7 @@ TEST(SimFaults, NakAndSilenceForTheFirstCommandsOfATag)
                     {"GETVAR", ravik_sim::tag_fault::kind::silence, 1}};
     sandbox box(o);
     host h(box.target->link());
-    std::string why;
-    ASSERT_TRUE(bring_up(h, why)) << why;
+    ASSERT_TRUE(bring_up(h));
 
     reply r = h.command("nop value=\"Hello\"");
     ASSERT_TRUE(r.complete);
@@ -51,8 +50,7 @@ TEST(SimFaults, AnswersInSingleBytesWithStrayBytesBetweenDocuments)
     o.fault.stray = "\r\n#";
     sandbox box(o);
     host h(box.target->link());
-    std::string why;
-    ASSERT_TRUE(bring_up(h, why)) << why;
+    ASSERT_TRUE(bring_up(h));
     int before = h.reads();
     reply r = h.command("getvar value=\"cpu.vername\"");
     ASSERT_TRUE(r.ack) << r.text;
@@ -78,15 +76,14 @@ TEST(SimFaults, PortVanishesAtAChosenPhaseAndComesBack)
         o.fault.vanish_ms = 100;
         sandbox box(o);
         host h(box.target->link());
-        std::string why;
-        ASSERT_TRUE(bring_up(h, why)) << why; // DONE_RESP came, then the port went
+        ASSERT_TRUE(bring_up(h)); // DONE_RESP came, then the port went
         EXPECT_TRUE(h.hung_up(2000));
         ASSERT_TRUE(box.target->wire().wait_kind("vanish", 1, 2000));
         EXPECT_NE(::access(box.target->link().c_str(), F_OK), 0);
         ASSERT_TRUE(box.target->wire().wait_kind("power-on", 2, 2000));
         host again(box.target->link());
         // Back in the boot ROM, and it happens only once.
-        ASSERT_TRUE(bring_up(again, why)) << why;
+        ASSERT_TRUE(bring_up(again));
         EXPECT_TRUE(again.command("nop value=\"Hello\"").ack);
     }
     {
@@ -95,8 +92,7 @@ TEST(SimFaults, PortVanishesAtAChosenPhaseAndComesBack)
         o.fault.vanish_ms = -1;
         sandbox box(o);
         host h(box.target->link());
-        std::string why;
-        ASSERT_TRUE(bring_up(h, why)) << why;
+        ASSERT_TRUE(bring_up(h));
         ASSERT_TRUE(configure(h));
         h.send_command("program SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"64\" "
                        "physical_partition_number=\"0\" start_sector=\"100\"");
@@ -119,8 +115,7 @@ TEST(SimFaults, SlowBootAndSlowProgrammer)
     host h(box.target->link(), 3000);
     ASSERT_TRUE(h.is_open());
     EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(200));
-    std::string why;
-    ASSERT_TRUE(bring_up(h, why)) << why;
+    ASSERT_TRUE(bring_up(h));
     // The programmer is still starting: the first nop is lost.
     EXPECT_FALSE(h.command("nop value=\"Hello\"", 200).complete);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -134,8 +129,7 @@ TEST(SimFaults, RefusalsAndTheEdgesOfTheCommandText)
     o.info_wording = 1;
     sandbox box(o);
     host h(box.target->link());
-    std::string why;
-    ASSERT_TRUE(bring_up(h, why)) << why;
+    ASSERT_TRUE(bring_up(h));
 
     EXPECT_FALSE(h.command("frobnicate value=\"1\"").ack);
     EXPECT_FALSE(h.command("getvar value=\"no.such\"").ack);
@@ -161,12 +155,9 @@ TEST(SimFaults, RefusalsAndTheEdgesOfTheCommandText)
     ASSERT_TRUE(h.command("configure MemoryName=\"ufs\"MaxPayloadSizeToTargetInBytes=\"8192\"").ack);
     r = h.command("getStorageInfo physical_partition_number=\"1\"");
     ASSERT_TRUE(r.ack);
-    auto has = [&](const std::string &line) {
-        return std::find(r.logs.begin(), r.logs.end(), line) != r.logs.end();
-    };
-    EXPECT_TRUE(has("INFO: Device Block Size in Bytes: 0x1000"));
-    EXPECT_TRUE(has("INFO: Device Total Physical Partitions: 0x3"));
-    EXPECT_TRUE(has("INFO: Device Total Logical Blocks: 0x1000"));
+    EXPECT_TRUE(r.has_log("INFO: Device Block Size in Bytes: 0x1000"));
+    EXPECT_TRUE(r.has_log("INFO: Device Total Physical Partitions: 0x3"));
+    EXPECT_TRUE(r.has_log("INFO: Device Total Logical Blocks: 0x1000"));
     EXPECT_TRUE(std::any_of(r.logs.begin(), r.logs.end(), [](const std::string &l) {
         return l.rfind("UFS Inquiry Command Output: ", 0) == 0;
     }));
@@ -194,15 +185,13 @@ TEST(SimFaults, UfsCommitResultFollowsWhatTheDeviceHolds)
     };
     {
         host h(box.target->link());
-        std::string why;
-        ASSERT_TRUE(bring_up(h, why)) << why;
+        ASSERT_TRUE(bring_up(h));
         EXPECT_EQ(provision(h), "0");
         EXPECT_TRUE(h.command("power value=\"reset\"").ack);
     }
     ASSERT_TRUE(box.target->wire().wait_kind("power-on", 2, 3000));
     host h(box.target->link());
-    std::string why;
-    ASSERT_TRUE(bring_up(h, why)) << why;
+    ASSERT_TRUE(bring_up(h));
     EXPECT_EQ(provision(h), "2");
     EXPECT_EQ(h.command("ufs commit=\"0x1\"").response["commit_result"], "2");
 }

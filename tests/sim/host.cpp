@@ -368,16 +368,13 @@ std::string sandbox::file_bytes(unsigned lun, uint64_t pos, size_t n) const
     return s;
 }
 
-bool bring_up(host &h, std::string &why)
+::testing::AssertionResult bring_up(host &h)
 {
     chip_facts facts;
-    if (!h.is_open()) {
-        why = "link did not open";
-        return false;
-    }
-    if (!greet(h, facts, why))
-        return false;
-    return upload(h, ravik_sim::demo_programmer(), why) == 0;
+    std::string why = "link did not open";
+    if (h.is_open() && greet(h, facts, why) && upload(h, ravik_sim::demo_programmer(), why) == 0)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << why;
 }
 
 } // namespace simtest

@@ -8,6 +8,8 @@
 
 #include "sim.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <map>
 #include <string>
@@ -25,6 +27,10 @@ struct reply {
     std::vector<std::string> logs;
     std::map<std::string, std::string> response; // attributes of <response>
     std::string text;                            // everything up to the response's </data>
+    bool has_log(const std::string &line) const
+    {
+        return std::find(logs.begin(), logs.end(), line) != logs.end();
+    }
 };
 
 class host {
@@ -87,7 +93,7 @@ struct sandbox {
 };
 
 // A target in Firehose mode: greeted, the demo programmer uploaded.
-bool bring_up(host &h, std::string &why);
+::testing::AssertionResult bring_up(host &h);
 
 } // namespace simtest
 

@@ -137,18 +137,14 @@ TEST(SimSession, UfsLunsWithBigSectorsAndReadCommand)
     o.info_wording = 2;
     sandbox box(o);
     host h(box.target->link());
-    std::string why;
-    ASSERT_TRUE(bring_up(h, why)) << why;
+    ASSERT_TRUE(bring_up(h));
     ASSERT_TRUE(h.command("configure MemoryName=\"UFS\" MaxPayloadSizeToTargetInBytes=\"65536\"").ack);
 
     reply r = h.command("getStorageInfo physical_partition_number=\"3\"");
     ASSERT_TRUE(r.ack);
-    auto has = [&](const std::string &line) {
-        return std::find(r.logs.begin(), r.logs.end(), line) != r.logs.end();
-    };
-    EXPECT_TRUE(has("SECTOR_SIZE_IN_BYTES=4096"));
-    EXPECT_TRUE(has("num_physical_partitions=4"));
-    EXPECT_TRUE(has("num_partition_sectors=4096"));
+    EXPECT_TRUE(r.has_log("SECTOR_SIZE_IN_BYTES=4096"));
+    EXPECT_TRUE(r.has_log("num_physical_partitions=4"));
+    EXPECT_TRUE(r.has_log("num_partition_sectors=4096"));
     EXPECT_FALSE(h.command("getStorageInfo physical_partition_number=\"4\"").ack);
 
     // 512-byte sectors are refused on a 4096-byte device.
@@ -258,8 +254,7 @@ TEST(SimSession, ElfIsPulledInChunksOfItsSegments)
         o.sahara_chunk = 0x800;
         sandbox box(o);
         host h(box.target->link());
-        std::string why;
-        ASSERT_TRUE(bring_up(h, why)) << why;
+        ASSERT_TRUE(bring_up(h));
         auto tx = box.target->wire().of_kind("sahara-tx");
         size_t r32 = 0, r64 = 0;
         for (auto &e : tx) {

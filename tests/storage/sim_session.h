@@ -50,10 +50,13 @@ struct sim_session {
     int32_t code = -1;
     std::string text;
 
-    sim_session()
+    // A UFS target of three small LUNs with a layout, or the plain target.
+    explicit sim_session(bool ufs_layout = true)
     {
         o.link = cwd.path() + "/target";
         o.storage_dir = cwd.path() + "/storage";
+        if (!ufs_layout)
+            return;
         o.storage = ravik_sim::storage_kind::ufs;
         o.lun_bytes = 4 << 20;
         o.layout = "0 persist 64K bnr\n0 system 512K\n0 userdata *\n"
@@ -64,24 +67,43 @@ struct sim_session {
         t = std::make_unique<ravik_sim::target>(o);
         t->start();
     }
-    // The package runs one recipe, "run.xml", with the given flags.
-    void flash(std::map<std::string, std::string> entries, const std::string &recipe_attrs = "", uint32_t flags = 0)
+    // A session on an image file; its code, and its log lines in `text`.
+    int32_t run(const std::string &image, uint32_t flags = 0)
     {
         if (!t)
             start();
-        auto programmer = ravik_sim::demo_programmer();
-        entries["programmer.elf"] = std::string(programmer.begin(), programmer.end());
-        entries["index.xml"] = SIM_INDEX;
-        entries["package.xml"] = "<package>\n  <programmer filename=\"programmer.elf\"/>\n  <recipe filename=\"run.xml\" " +
-                                 recipe_attrs + "/>\n</package>\n";
-        container_bytes("flash.img", entries);
         log = {};
-        on_fresh_thread([&] { code = rk_flash_singleimage(o.link.c_str(), "flash.img", flags, record_events, &log); });
+        on_fresh_thread([&] { code = rk_flash_singleimage(o.link.c_str(), image.c_str(), flags, record_events, &log); });
         text.clear();
         for (auto &l : log.lines)
             text += l;
+        return code;
+    }
+    // A session on a container of `entries` and the demo programmer.
+    void run_entries(std::map<std::string, std::string> entries, uint32_t flags)
+    {
+        auto programmer = ravik_sim::demo_programmer();
+        entries["programmer.elf"] = std::string(programmer.begin(), programmer.end());
+        container_bytes("flash.img", entries);
+        run("flash.img", flags);
+    }
+    // The package runs one recipe, "run.xml", with the given flags.
+    void flash(std::map<std::string, std::string> entries, const std::string &recipe_attrs = "", uint32_t flags = 0)
+    {
+        entries["index.xml"] = SIM_INDEX;
+        entries["package.xml"] = "<package>\n  <programmer filename=\"programmer.elf\"/>\n  <recipe filename=\"run.xml\" " +
+                                 recipe_attrs + "/>\n</package>\n";
+        run_entries(entries, flags);
     }
     std::string lun(unsigned n) const { return read_file(t->lun_path(n)); }
+    std::string lun(unsigned n, uint64_t at, size_t len) const
+    {
+        std::ifstream f(t->lun_path(n), std::ios::binary);
+        f.seekg((std::streamoff)at);
+        std::string s(len, '\0');
+        f.read(s.data(), (std::streamsize)len);
+        return s;
+    }
     void poke(unsigned n, uint64_t at, const std::string &bytes) const
     {
         std::fstream f(t->lun_path(n), std::ios::in | std::ios::out | std::ios::binary);

@@ -1,5 +1,6 @@
 #include "support/helpers.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -46,6 +47,16 @@ std::string read_file(const std::string &path)
     ss << f.rdbuf();
     return ss.str();
 }
+
+static std::string ring_text(bool (*get)(logger_view *))
+{
+    logger_view v{};
+    if (!get(&v))
+        return {};
+    return std::string(v.data, std::min<uint32_t>(v.count, LOG_RING_SIZE));
+}
+std::string current_log() { return ring_text(logger_current); }
+std::string previous_log() { return ring_text(logger_previous); }
 
 bool file_exists(const std::string &path)
 {

@@ -25,6 +25,9 @@ class temp_cwd {
 };
 
 std::string read_file(const std::string &path);
+// The text of the thread's current and previous log rings; "" if none.
+std::string current_log();
+std::string previous_log();
 bool file_exists(const std::string &path);
 
 // Collects the lines a device callback receives.

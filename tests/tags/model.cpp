@@ -13,18 +13,6 @@
 using namespace ravik;
 using namespace ravik::test;
 
-namespace {
-
-std::string current_log()
-{
-    logger_view v{};
-    if (!logger_current(&v))
-        return {};
-    return std::string(v.data, std::min<uint32_t>(v.count, LOG_RING_SIZE));
-}
-
-} // namespace
-
 TEST(TagsLookup, EmptyValuesCountForTheDocumentButNotTheTagline)
 {
     doc_of d("<a b=\"\"/>");

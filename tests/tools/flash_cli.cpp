@@ -5,25 +5,19 @@
 
 #if defined(RAVIK_CLI_PATH) && defined(RAVIK_HAVE_SIM)
 
-#include <chrono>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <grp.h>
 #include <map>
-#include <memory>
-#include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "container/container.h"
 #include "container/simg_support.h"
 #include "ravik.h"
 #include "sim.h"
 #include "support/helpers.h"
-#include "support/pty.h"
+#include "tools/cli.h"
 
 using namespace ravik;
 using namespace ravik::test;
@@ -31,56 +25,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct result {
-    int status;
-    std::string out, err;
-    double seconds;
-};
-
-struct run_opts {
-    bool tty = false;        // stderr on a terminal
-    bool unprivileged = false; // as nobody, when run by root
-};
-
-result ravik_flash(const std::vector<std::string> &args, run_opts ro = {})
+cli_result ravik_flash(std::vector<std::string> args, cli_opts o = {})
 {
-    std::vector<std::string> all{RAVIK_CLI_PATH, "flash"};
-    all.insert(all.end(), args.begin(), args.end());
-    std::vector<char *> argv;
-    for (auto &a : all)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    std::unique_ptr<pty_pair> pty;
-    if (ro.tty)
-        pty = std::make_unique<pty_pair>();
-    const std::string slave = pty ? pty->slave_path() : "";
-
-    auto t0 = std::chrono::steady_clock::now();
-    pid_t pid = fork();
-    if (pid == 0) {
-        int out = open("cli.out", O_WRONLY | O_CREAT | O_TRUNC, 0666);
-        int err = ro.tty ? open(slave.c_str(), O_RDWR | O_NOCTTY) : open("cli.err", O_WRONLY | O_CREAT | O_TRUNC, 0666);
-        dup2(out, 1);
-        dup2(err, 2);
-        if (ro.unprivileged && geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0))
-            _exit(126);
-        execv(RAVIK_CLI_PATH, argv.data());
-        _exit(127);
-    }
-    std::string tty_text;
-    int st = 0;
-    for (;;) {
-        if (pty)
-            tty_text += pty->read_master(1 << 20, 50);
-        pid_t done = waitpid(pid, &st, pty ? WNOHANG : 0);
-        if (done == pid)
-            break;
-    }
-    double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    if (pty)
-        tty_text += pty->read_master(1 << 20, 50);
-    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, read_file("cli.out"), pty ? tty_text : read_file("cli.err"),
-            secs};
+    args.insert(args.begin(), "flash");
+    return run_cli(args, o);
 }
 
 std::vector<std::string> lines_of(const std::string &text)
@@ -183,7 +131,7 @@ TEST(FlashCli, FourTargetsAtOnceInAboutTheTimeOfOne)
 
     // One session alone, on a terminal: the status line names the stages
     // and is taken back with \r before every log line.
-    result one = ravik_flash({st.links[0], "station.img"}, {.tty = true});
+    cli_result one = ravik_flash({st.links[0], "station.img"}, {.tty = true});
     ASSERT_EQ(one.status, 0) << one.err;
     EXPECT_NE(one.err.find("\r\033[Kidentify "), std::string::npos) << one.err;
     EXPECT_NE(one.err.find("\r\033[Kbring-up "), std::string::npos);
@@ -193,7 +141,7 @@ TEST(FlashCli, FourTargetsAtOnceInAboutTheTimeOfOne)
     EXPECT_TRUE(st.landed(0) == IMAGE_DATA);
 
     std::vector<std::string> four(st.links.begin() + 1, st.links.end());
-    result all = ravik_flash(device_args(four));
+    cli_result all = ravik_flash(device_args(four));
     ASSERT_EQ(all.status, 0) << all.err;
     for (size_t i = 1; i <= 4; i++)
         EXPECT_TRUE(st.landed(i) == IMAGE_DATA) << st.links[i];
@@ -233,7 +181,7 @@ TEST(FlashCli, OneFailingTargetDoesNotStopTheOthers)
     std::vector<std::string> devices = st.links;
     devices.push_back(fs::absolute("unplugged").string());
 
-    result r = ravik_flash(device_args(devices));
+    cli_result r = ravik_flash(device_args(devices));
     // The first failure in the order given names the status.
     EXPECT_EQ(r.status, ERR_LOAD_PACKAGE) << r.err;
     for (size_t i : {0u, 2u, 3u})
@@ -265,7 +213,7 @@ TEST(FlashCli, OpenFailuresSayWhatToDo)
     const std::string dir = cwd.path();
 
     // Quiet: the failure and its reason, nothing else.
-    result r = ravik_flash({"-q", dir + "/ttyNONE", "x.img"});
+    cli_result r = ravik_flash({"-q", dir + "/ttyNONE", "x.img"});
     EXPECT_EQ(r.status, ERR_OPEN_DEVICE);
     EXPECT_EQ(lines_of(r.err),
               (std::vector<std::string>{
@@ -318,7 +266,7 @@ TEST(FlashCli, OpenFailuresSayWhatToDo)
 TEST(FlashCli, ArgumentsAndExitStatus)
 {
     temp_cwd cwd;
-    result r = ravik_flash({"--help"});
+    cli_result r = ravik_flash({"--help"});
     EXPECT_EQ(r.status, 0);
     EXPECT_TRUE(starts(r.out, "usage: ravik flash [options] DEVICE IMAGE\n")) << r.out;
     for (const char *opt : {"--debug", "--hexdump", "--backup", "--keep-backup", "--save-log", "--ufs-lock",
@@ -348,16 +296,7 @@ TEST(FlashCli, ArgumentsAndExitStatus)
     EXPECT_NE(read_file("ravik_log.txt").find("Opening singleimage"), std::string::npos);
 
     // The top level knows the command.
-    pid_t pid = fork();
-    if (pid == 0) {
-        int out = open("top.out", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(out, 1);
-        execl(RAVIK_CLI_PATH, RAVIK_CLI_PATH, "--help", (char *)nullptr);
-        _exit(127);
-    }
-    int wst = 0;
-    waitpid(pid, &wst, 0);
-    EXPECT_NE(read_file("top.out").find("  flash "), std::string::npos);
+    EXPECT_NE(run_cli({"--help"}).out.find("  flash "), std::string::npos);
 }
 
 #endif

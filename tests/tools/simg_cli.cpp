@@ -2,15 +2,13 @@
 // line with a non-zero status, and names that try to leave the directory.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "container/container.h"
 #include "container/simg_support.h"
 #include "support/helpers.h"
+#include "tools/cli.h"
 
 #ifdef RAVIK_CLI_PATH
 
@@ -20,36 +18,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct result {
-    int status;
-    std::string out, err;
-};
-
-result ravik_cli(const std::vector<std::string> &args)
-{
-    pid_t pid = fork();
-    if (pid == 0) {
-        int out = open("cli.out", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int err = open("cli.err", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(out, 1);
-        dup2(err, 2);
-        std::vector<char *> argv{const_cast<char *>(RAVIK_CLI_PATH)};
-        for (const auto &a : args)
-            argv.push_back(const_cast<char *>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(RAVIK_CLI_PATH, argv.data());
-        _exit(127);
-    }
-    int st = 0;
-    waitpid(pid, &st, 0);
-    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, read_file("cli.out"), read_file("cli.err")};
-}
-
 // A failure: the status, one line on stderr that names the program, nothing
 // on stdout.
 void expect_failure(const std::vector<std::string> &args, int status, const std::string &has)
 {
-    result r = ravik_cli(args);
+    cli_result r = run_cli(args);
     std::string what = args.empty() ? "" : args.size() > 1 ? args[1] : args[0];
     EXPECT_EQ(r.status, status) << what << ": " << r.err;
     EXPECT_EQ(r.out, "") << what;
@@ -80,13 +53,13 @@ TEST(SimgCli, PackListUnpackRoundTrip)
     write_file("src/sub/a", "x");
     fs::create_symlink("/etc/hostname", "src/link");
 
-    result r = ravik_cli({"simg", "pack", "src", "out.img"});
+    cli_result r = run_cli({"simg", "pack", "src", "out.img"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.err.find("skipping src/link"), std::string::npos) << r.err;
     EXPECT_EQ(listed_names("out.img"),
               (std::vector<std::string>{"A.bin", "b.txt", "sub/a", "sub/deeper/c"}));
 
-    r = ravik_cli({"simg", "list", "out.img"});
+    r = run_cli({"simg", "list", "out.img"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "        SIZE       OFFSET  NAME\n"
                      "        5000          512  A.bin\n"
@@ -94,30 +67,30 @@ TEST(SimgCli, PackListUnpackRoundTrip)
                      "           1        13312  sub/a\n"
                      "        9000        17664  sub/deeper/c\n");
 
-    r = ravik_cli({"simg", "unpack", "out.img", "dest"});
+    r = run_cli({"simg", "unpack", "out.img", "dest"});
     ASSERT_EQ(r.status, 0) << r.err;
     for (const char *f : {"b.txt", "A.bin", "sub/deeper/c", "sub/a"})
         EXPECT_EQ(read_file(std::string("dest/") + f), read_file(std::string("src/") + f)) << f;
     EXPECT_FALSE(fs::exists("dest/link"));
 
-    ASSERT_EQ(ravik_cli({"simg", "add", "out.img", "src/b.txt", "--name", "renamed"}).status, 0);
-    ASSERT_EQ(ravik_cli({"simg", "extract", "out.img", "renamed", "-o", "got"}).status, 0);
+    ASSERT_EQ(run_cli({"simg", "add", "out.img", "src/b.txt", "--name", "renamed"}).status, 0);
+    ASSERT_EQ(run_cli({"simg", "extract", "out.img", "renamed", "-o", "got"}).status, 0);
     EXPECT_EQ(read_file("got"), "bee\n");
-    r = ravik_cli({"simg", "extract", "out.img", "sub/deeper/c", "-o", "-"});
+    r = run_cli({"simg", "extract", "out.img", "sub/deeper/c", "-o", "-"});
     EXPECT_EQ(r.status, 0);
     EXPECT_TRUE(r.out == read_file("src/sub/deeper/c"));
     fs::create_directory("here");
     ASSERT_EQ(chdir("here"), 0);
-    ASSERT_EQ(ravik_cli({"simg", "extract", "../out.img", "sub/a"}).status, 0);
+    ASSERT_EQ(run_cli({"simg", "extract", "../out.img", "sub/a"}).status, 0);
     EXPECT_EQ(read_file("sub/a"), "x");
     ASSERT_EQ(chdir(".."), 0);
 
-    ASSERT_EQ(ravik_cli({"simg", "delete", "out.img", "b.txt"}).status, 0);
+    ASSERT_EQ(run_cli({"simg", "delete", "out.img", "b.txt"}).status, 0);
     EXPECT_EQ(listed_names("out.img"),
               (std::vector<std::string>{"A.bin", "sub/a", "sub/deeper/c", "renamed"}));
-    ASSERT_EQ(ravik_cli({"simg", "create", "empty.img"}).status, 0);
+    ASSERT_EQ(run_cli({"simg", "create", "empty.img"}).status, 0);
     EXPECT_EQ(read_file("empty.img"), simg_bytes({}));
-    ASSERT_EQ(ravik_cli({"simg", "add", "empty.img", "src/sub/a"}).status, 0);
+    ASSERT_EQ(run_cli({"simg", "add", "empty.img", "src/sub/a"}).status, 0);
     EXPECT_EQ(listed_names("empty.img"), (std::vector<std::string>{"a"}));
 }
 
@@ -125,17 +98,17 @@ TEST(SimgCli, HelpEverywhere)
 {
     temp_cwd cwd;
     for (const char *a : {"create", "list", "add", "extract", "delete", "pack", "unpack"}) {
-        result r = ravik_cli({"simg", a, "--help"});
+        cli_result r = run_cli({"simg", a, "--help"});
         EXPECT_EQ(r.status, 0) << a;
         EXPECT_EQ(r.out.rfind(std::string("usage: ravik simg ") + a + " ", 0), 0u) << r.out;
     }
-    result r = ravik_cli({"--help"});
+    cli_result r = run_cli({"--help"});
     EXPECT_EQ(r.status, 0);
     EXPECT_NE(r.out.find("simg"), std::string::npos);
-    r = ravik_cli({"simg", "--help"});
+    r = run_cli({"simg", "--help"});
     EXPECT_EQ(r.status, 0);
     EXPECT_NE(r.out.find("unpack IMG DIR"), std::string::npos);
-    EXPECT_EQ(ravik_cli({}).status, 2);
+    EXPECT_EQ(run_cli({}).status, 2);
 }
 
 TEST(SimgCli, BadInputIsOneLineAndNonZero)
