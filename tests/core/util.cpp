@@ -12,22 +12,12 @@ using namespace ravik;
 using namespace ravik::test;
 
 namespace {
-struct capture {
-    std::vector<std::string> lines;
-    static void fn(const char *line, void *ctx)
-    {
-        // Drop the "[%7.3f] " stamp, ten characters.
-        static_cast<capture *>(ctx)->lines.push_back(std::string(line).substr(10));
-    }
-};
-
+// The hex dump's lines at debug level, without their stamps.
 std::vector<std::string> dump(const std::string &bytes)
 {
-    capture c;
     logger_set_level(LOG_DEBUG);
-    logger_subscribe("test", capture::fn, &c);
+    log_capture c;
     hexdump(bytes.data(), bytes.size());
-    logger_unsubscribe("test");
     return c.lines;
 }
 } // namespace
@@ -85,10 +75,8 @@ TEST(Hexdump, RepeatedLinesCollapse)
         EXPECT_EQ(offsets, (std::vector<std::string>{"00000000", "*", "00000020", "00000030", "*"}));
         // Off below level 3.
         logger_set_level(LOG_INFO);
-        capture c;
-        logger_subscribe("test", capture::fn, &c);
+        log_capture c;
         hexdump("abc", 3);
-        logger_unsubscribe("test");
         EXPECT_TRUE(c.lines.empty());
     });
 }

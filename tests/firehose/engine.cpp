@@ -42,10 +42,7 @@ int32_t to_buffer(const std::string &cmd, const void *p)
 
 TEST(RecipeEngine, FilteredPackagesAndRecipes)
 {
-    fake_platform fake;
-    temp_cwd cwd;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &) {
         log_capture c;
         // Every recipe filtered out, and no recipe at all: the same end.
         int32_t code = run_package("<recipe filename=\"r.xml\" compatible=\"storage.type:UFS\"/>",
@@ -73,10 +70,7 @@ TEST(RecipeEngine, FilteredPackagesAndRecipes)
 
 TEST(RecipeEngine, FailuresAndIgnoreErrors)
 {
-    fake_platform fake;
-    temp_cwd cwd;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         log_capture c;
         // An unknown tag goes to the target as it stands; its NAK fails.
         fake.written.clear();
@@ -113,9 +107,7 @@ TEST(RecipeEngine, FailuresAndIgnoreErrors)
 
 TEST(RecipeEngine, OneLineCommands)
 {
-    fake_platform fake;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         log_capture c;
         firehose_do_fmt("print what=\"%s\"", "hello");
         EXPECT_EQ(get_error(), 0);
@@ -215,9 +207,7 @@ TEST(TargetBringUp, QuestionsAndFallbacks)
 
 TEST(TargetBringUp, ConfigureNegotiatesThePayload)
 {
-    fake_platform fake;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         fake.written.clear();
         log_capture c;
         fake.push_all({nak("MaxPayloadSizeToTargetInBytes=\"65536\""),
@@ -260,10 +250,7 @@ TEST(TargetBringUp, ConfigureNegotiatesThePayload)
 
 TEST(ImageTransfer, ProgramSendsTheEntryPaddedToSectors)
 {
-    fake_platform fake;
-    temp_cwd cwd;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         device_setu("fh.max_packet_sz", 512);
         std::string image(1000, 'i');
         fake.written.clear();
@@ -303,9 +290,7 @@ TEST(ImageTransfer, ProgramSendsTheEntryPaddedToSectors)
 
 TEST(ImageTransfer, ProgramFromMemoryAndDumpBack)
 {
-    fake_platform fake;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         device_setu("fh.max_packet_sz", 4096);
         std::string data(10240, '\0');
         for (size_t i = 0; i < data.size(); i++)
@@ -343,9 +328,7 @@ TEST(ImageTransfer, ProgramFromMemoryAndDumpBack)
 
 TEST(ImageTransfer, ReadShrinksAndGrowsItsChunk)
 {
-    fake_platform fake;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         std::string out(64 * 16, '\0');
         std::string disk(64 * 16, '\0');
         for (size_t i = 0; i < disk.size(); i++)
@@ -381,9 +364,7 @@ TEST(ImageTransfer, ReadShrinksAndGrowsItsChunk)
 
 TEST(ImageTransfer, ReadOutlastsSixteenRefusals)
 {
-    fake_platform fake;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         std::string out(64, '\0');
         std::string disk(64, 'd');
         for (int i = 0; i < 16; i++)

@@ -200,8 +200,8 @@ TEST(FirehoseLink, CommitResultWaitsPastOrdinaryAnswers)
         wake(fake);
         doc_of cmd("<ufs commit=\"1\" />");
         tagline *line = cmd.first();
-        fake.push_bytes(log_doc("committing") + ACK);
-        fake.push_bytes("<?xml version=\"1.0\" ?><data><response value=\"ACK\" commit_result=\"2\" /></data>");
+        fake.push_all({log_doc("committing") + ACK,
+                       "<?xml version=\"1.0\" ?><data><response value=\"ACK\" commit_result=\"2\" /></data>"});
         xtags *doc = fh_send_and_wait_commit_result(line);
         ASSERT_NE(doc, nullptr);
         EXPECT_EQ(names(doc), (std::vector<std::string>{"log", "response", "response"}));
@@ -279,8 +279,7 @@ TEST(FirehoseLink, AnswerBehindARawModeAnswerIsKeptForTheNextRead)
         tagline *line = cmd.first();
         // A program of 0 sectors: the target answers twice in one burst.
         std::string raw = "<?xml version=\"1.0\" ?><data>\n" + std::string(RAWMODE_START2) + "\n</data>";
-        fake.push_bytes(raw.substr(0, 3));
-        fake.push_bytes(raw.substr(3) + log_doc("done") + ACK);
+        fake.push_all({raw.substr(0, 3), raw.substr(3) + log_doc("done") + ACK});
         ASSERT_NE(fh_send_and_switch_to_raw(line), nullptr);
         double t0 = fake.clock;
         xtags *final_answer = fh_read_resp();

@@ -13,6 +13,7 @@
 #include "link/device.h"
 #include "link/properties.h"
 #include "support/fake_platform.h"
+#include "support/helpers.h"
 
 namespace ravik::test {
 
@@ -58,10 +59,31 @@ inline void bring_up(fake_platform &fake, const std::string &secure = "0")
     device_open();
     device_set("storage.type", "eMMC");
     device_set("cpu.vername", "v1");
-    fake.push_bytes(ack());
-    fake.push_bytes(ack("secure=\"" + secure + "\""));
+    fake.push_all({ack(), ack("secure=\"" + secure + "\"")});
     get_firehose();
     fake.written.clear();
+}
+
+// A session on a fresh thread in a temporary directory, the link up on the
+// scripted line.
+template <typename F> void with_link(F body)
+{
+    fake_platform fake;
+    temp_cwd cwd;
+    in_session([&] {
+        bring_up(fake);
+        body(fake);
+    });
+}
+
+// A new container file with the given entries, through the library's writer.
+inline void write_container(const std::string &path, const std::map<std::string, std::string> &entries)
+{
+    std::remove(path.c_str());
+    simg *w = simg_open(path.c_str(), SIMG_CREATE);
+    for (auto &[name, data] : entries)
+        simg_store(w, data.data(), data.size(), name.c_str());
+    simg_close(w);
 }
 
 // A container file with the given entries, opened for reading.
@@ -70,11 +92,7 @@ struct test_container {
     simg *handle = nullptr;
     test_container(const std::string &p, const std::map<std::string, std::string> &entries) : path(p)
     {
-        std::remove(path.c_str());
-        simg *w = simg_open(path.c_str(), SIMG_CREATE);
-        for (auto &[name, data] : entries)
-            simg_store(w, data.data(), data.size(), name.c_str());
-        simg_close(w);
+        write_container(path, entries);
         handle = simg_open(path.c_str(), 0);
     }
     ~test_container() { simg_close(handle); }

@@ -79,8 +79,7 @@ TEST(TransferBuffer, PrintNeedsAnAcquireAndRoomForTheNul)
 TEST(TransferBuffer, ReadsAppendUpToTheEndMark)
 {
     fake_platform fake;
-    fake.push_bytes("hello");
-    fake.push_bytes("world and more");
+    fake.push_all({"hello", "world and more"});
     with_device(fake, [] {
         ASSERT_EQ(__buffer_acquire(), 0);
         EXPECT_EQ(buffer_read(8), 5);

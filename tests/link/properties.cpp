@@ -97,14 +97,10 @@ TEST(DeviceProperties, DumpListsEveryPropertyInStoreOrder)
         char buffer_line[64];
         snprintf(buffer_line, sizeof(buffer_line), "  api.buffer = \"0x%lX\",\n",
                  (unsigned long)(uintptr_t)buf);
-        const char *in_order[] = {"DEVICE {\n", "  addr  = \"0x", "  cpu.id = \"4660\",\n",
-                                  "  cpu.name = \"abc\",\n", buffer_line, "}\n"};
-        size_t at = 0;
-        for (const char *s : in_order) {
-            size_t found = log.find(s, at);
-            ASSERT_NE(found, std::string::npos) << s << "\n" << log;
-            at = found;
-        }
+        EXPECT_EQ(missing_in_order(log, {"DEVICE {\n", "  addr  = \"0x", "  cpu.id = \"4660\",\n",
+                                         "  cpu.name = \"abc\",\n", buffer_line, "}\n"}),
+                  "")
+            << log;
         // The services are gone with the session, the store is a new one.
         EXPECT_EQ(device_get("cpu.name", nullptr), nullptr);
         EXPECT_EQ(device_getp("api.buffer", nullptr), nullptr);

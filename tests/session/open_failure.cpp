@@ -27,10 +27,7 @@ TEST(SessionOpenFailure, CodeTextAndEvents)
                                      std::regex(R"(\[ *\d+\.\d{3}\] Opening device: /no/such/device\n)")))
             << log.lines[0];
         EXPECT_EQ(log.lines[0].size(), std::string("[  0.000] Opening device: /no/such/device\n").size());
-        bool saw_error = false;
-        for (auto &l : log.lines)
-            saw_error |= l.find("ERROR: device_open()->error opening device\n") != std::string::npos;
-        EXPECT_TRUE(saw_error);
+        EXPECT_TRUE(any_holds(log.lines, "ERROR: device_open()->error opening device\n"));
         // No container was touched and no dump reached the callback.
         for (auto &l : log.lines) {
             EXPECT_EQ(l.find("DEVICE {"), std::string::npos);
@@ -55,33 +52,19 @@ TEST(SessionOpenFailure, SaveLogWritesHeaderLinesAndDump)
         int32_t code = rk_flash_singleimage("/no/such/device", "x", DEVICE_FLAG_SAVE_LOG,
                                             record_events, &log);
         EXPECT_EQ(code & 0xFF, ERR_OPEN_DEVICE);
-        bool saw_check = false;
-        for (auto &l : log.lines)
-            saw_check |= l.find("Check ravik_log.txt for more details\n") != std::string::npos;
-        EXPECT_TRUE(saw_check);
+        EXPECT_TRUE(any_holds(log.lines, "Check ravik_log.txt for more details\n"));
     });
     std::string text = read_file("ravik_log.txt");
     EXPECT_TRUE(std::regex_search(
         text, std::regex(R"(\n\*\*\*\* Log buffer \[000001\] \d{4}-\d\d-\d\d_\d\d:\d\d:\d\d \*\*\*\*\n\n)")))
         << text;
-    const char *expected_in_order[] = {
-        "Opening device: /no/such/device\n",
-        "ERROR: device_open()->error opening device\n",
-        "Check ravik_log.txt for more details\n",
-        "Total time: ",
-        "ravik version 4.0\n",
-        "DEVICE {\n",
-        "  name  = \"/no/such/device\",\n",
-        "  flags = \"0x40\",\n",
-        "  addr  = \"0x",
-        "}\n",
-    };
-    size_t at = 0;
-    for (const char *s : expected_in_order) {
-        size_t found = text.find(s, at);
-        ASSERT_NE(found, std::string::npos) << "missing after " << at << ": " << s << "\n" << text;
-        at = found;
-    }
+    EXPECT_EQ(missing_in_order(text, {"Opening device: /no/such/device\n",
+                                      "ERROR: device_open()->error opening device\n",
+                                      "Check ravik_log.txt for more details\n", "Total time: ",
+                                      "ravik version 4.0\n", "DEVICE {\n", "  name  = \"/no/such/device\",\n",
+                                      "  flags = \"0x40\",\n", "  addr  = \"0x", "}\n"}),
+              "")
+        << text;
     // The line after the save belongs to the next ring, not to the file.
     EXPECT_EQ(text.find("Session ended"), std::string::npos);
 }
@@ -111,10 +94,7 @@ TEST(SessionOpenFailure, FlagsAndDebugLevelOutliveTheSession)
         rk_flash_singleimage("dev", "x", 0, record_events, &log);
         EXPECT_EQ(logger_get_level(), (uint32_t)LOG_DEBUG);
         // At level 3 the device layer's own line shows.
-        bool saw = false;
-        for (auto &l : log.lines)
-            saw |= l.find("Opening serial device: dev\n") != std::string::npos;
-        EXPECT_TRUE(saw);
+        EXPECT_TRUE(any_holds(log.lines, "Opening serial device: dev\n"));
     });
 }
 

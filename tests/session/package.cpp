@@ -12,6 +12,7 @@
 #include "link/properties.h"
 #include "session/package.h"
 #include "support/fake_platform.h"
+#include "firehose/scripted_target.h"
 #include "support/helpers.h"
 
 using namespace ravik;
@@ -19,16 +20,11 @@ using namespace ravik::test;
 
 namespace {
 
-
 // Runs load_package for chip id `id` on a container of these entries; the
 // name of the first tag of the chosen package, or "" for none.
 std::string choose(uint32_t id, const std::map<std::string, std::string> &entries, log_capture &c)
 {
-    std::remove("c.img");
-    simg *w = simg_open("c.img", SIMG_CREATE);
-    for (auto &[name, data] : entries)
-        simg_store(w, data.data(), data.size(), name.c_str());
-    simg_close(w);
+    write_container("c.img", entries);
     simg *image = simg_open("c.img", 0);
     device_setu("cpu.id", id);
     c.lines.clear();

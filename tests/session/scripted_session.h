@@ -20,19 +20,14 @@ inline const std::string PROGRAMMER(100, 'p');
 // without DEVICE_FLAG_BNR the backup and restore pass over without a word.
 inline void make_demo(const char *path)
 {
-    std::remove(path);
-    std::map<std::string, std::string> entries = {
+    write_container(path, {
         {"index.xml", "<board id=\"0x0BEE\" name=\"b\" storage.type=\"eMMC\"/><package filename=\"package.xml\"/>"},
         {"package.xml", "<programmer filename=\"p.elf\"/><recipe filename=\"r.xml\"/>"},
         {"p.elf", PROGRAMMER},
         {"boot.img", std::string(1000, 'b')},
         {"r.xml", "<configure SkipStorageInit=\"0\"/><backup commit=\"1\"/>"
                   "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" filename=\"boot.img\" "
-                  "physical_partition_number=\"0\" start_sector=\"8\"/><restore why=\"flashed\"/>"}};
-    simg *w = simg_open(path, SIMG_CREATE);
-    for (auto &[name, data] : entries)
-        simg_store(w, data.data(), data.size(), name.c_str());
-    simg_close(w);
+                  "physical_partition_number=\"0\" start_sector=\"8\"/><restore why=\"flashed\"/>"}});
 }
 
 // The contents of the marked partition "persist" (sectors 64 to 71).
@@ -46,14 +41,8 @@ inline void script_target(fake_platform &fake, bool programmer = true, bool bnr 
     std::string sn;
     le32(sn, 0x1234);
     le32(sn, 0x0BEE);
-    fake.push_bytes(hello(0));
-    fake.push_bytes(command_ready());
-    fake.push_bytes(exec_resp(1, 8));
-    fake.push_bytes(sn);
-    fake.push_bytes(hello(0));
-    fake.push_bytes(read_data(0, (uint32_t)PROGRAMMER.size()));
-    fake.push_bytes(end_image(0));
-    fake.push_bytes(done_resp(1));
+    fake.push_all({hello(0), command_ready(), exec_resp(1, 8), sn, hello(0),
+                   read_data(0, (uint32_t)PROGRAMMER.size()), end_image(0), done_resp(1)});
     if (!programmer)
         return;
     fake.push_bytes(ack());                            // nop
@@ -63,18 +52,14 @@ inline void script_target(fake_platform &fake, bool programmer = true, bool bnr 
     if (bnr) {
         push_discovery(fake, 512,                      // configure, storage facts, tables
                        {{8ull << 20, make_gpt({{"persist", 64, 71, 1ull << 5}}, 512, 8ull << 20)}});
-        fake.push_bytes(raw_ack());                    // the backup's dump
-        fake.push_bytes(PERSIST);
-        fake.push_bytes(ack());
+        fake.push_all({raw_ack(), PERSIST, ack()});    // the backup's dump
     } else {
         fake.push_bytes(ack());                        // configure
     }
     fake.push_bytes(raw_ack());                        // program
     fake.push_bytes(ack());                            // its final answer
-    for (int i = 0; bnr && i < 2; i++) {               // the restore's erase and write
-        fake.push_bytes(raw_ack());
-        fake.push_bytes(ack());
-    }
+    for (int i = 0; bnr && i < 2; i++)                 // the restore's erase and write
+        fake.push_all({raw_ack(), ack()});
     fake.push_bytes(ack());                            // power
 }
 

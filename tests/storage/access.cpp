@@ -24,20 +24,18 @@ std::string raw_after(const std::string &wire, size_t nth)
     return wire.substr(from, to == std::string::npos ? std::string::npos : to - from);
 }
 
-void push_program(fake_platform &fake)
+// The answers to n programs.
+void push_programs(fake_platform &fake, int n)
 {
-    fake.push_bytes(raw_ack());
-    fake.push_bytes(ack());
+    for (int i = 0; i < n; i++)
+        fake.push_all({raw_ack(), ack()});
 }
 
 } // namespace
 
 TEST(StorageAccess, SeekReadAndTheirRules)
 {
-    fake_platform fake;
-    temp_cwd cwd;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         push_discovery(fake, 512, {{4096, make_gpt({{"p", 64, 71}}, 512, 4096)}});
         pt *p = pt_find("p", 0);
         ASSERT_NE(p, nullptr);
@@ -63,8 +61,7 @@ TEST(StorageAccess, SeekReadAndTheirRules)
         EXPECT_TRUE(fake.written.empty());
 
         // Exactly the rest: one dump at the right sector, into the buffer.
-        fake.push_bytes(raw_ack());
-        fake.push_bytes(std::string(1536, 'r'));
+        fake.push_all({raw_ack(), std::string(1536, 'r')});
         EXPECT_EQ(pt_read(p, buf, 1536), 1536u);
         EXPECT_EQ(std::string(buf, 1536), std::string(1536, 'r'));
         EXPECT_EQ(p->pos, 4096u);
@@ -89,10 +86,7 @@ TEST(StorageAccess, SeekReadAndTheirRules)
 
 TEST(StorageAccess, WritesSplitOffAPartialLastSector)
 {
-    fake_platform fake;
-    temp_cwd cwd;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         push_discovery(fake, 4096, {{1000, make_gpt({{"a", 10, 19}}, 4096, 1000)}});
         pt *a = pt_find("a", -1);
         ASSERT_NE(a, nullptr);
@@ -100,8 +94,7 @@ TEST(StorageAccess, WritesSplitOffAPartialLastSector)
         std::string data(5000, '\0');
         for (size_t i = 0; i < data.size(); i++)
             data[i] = (char)(i * 7 + 1);
-        push_program(fake);
-        push_program(fake);
+        push_programs(fake, 2);
         EXPECT_EQ(pt_write(a, data.data(), 5000), 5000u);
         EXPECT_EQ(attr_of(fake.written, "program", "start_sector"), (std::vector<std::string>{"10", "11"}));
         EXPECT_EQ(attr_of(fake.written, "program", "num_partition_sectors"), (std::vector<std::string>{"1", "1"}));
@@ -112,14 +105,12 @@ TEST(StorageAccess, WritesSplitOffAPartialLastSector)
         EXPECT_EQ(pt_write(a, data.data(), 4096), 0u);
         EXPECT_EQ(get_error() & 0xFF, ERR_BAD_PARAM);
     });
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         push_discovery(fake, 512, {{4096, make_gpt({{"s", 40, 47}}, 512, 4096)}});
         pt *s = pt_find("s", 0);
         ASSERT_NE(s, nullptr);
         fake.written.clear();
-        push_program(fake);
-        push_program(fake);
+        push_programs(fake, 2);
         EXPECT_EQ(pt_write(s, std::string(100, 'x').data(), 100), 100u);
         EXPECT_EQ(attr_of(fake.written, "program", "num_partition_sectors"), (std::vector<std::string>{"0", "1"}));
         EXPECT_EQ(attr_of(fake.written, "program", "start_sector"), (std::vector<std::string>{"40", "40"}));
@@ -130,10 +121,7 @@ TEST(StorageAccess, WritesSplitOffAPartialLastSector)
 
 TEST(StorageAccess, ErasesRunTheWholeWidthAndHighestLunWins)
 {
-    fake_platform fake;
-    temp_cwd cwd;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         // 16 GiB LUNs; "big" begins at 5 GiB and is 4 GiB and 1 MiB long.
         const uint64_t sectors = 4ull << 20, big_first = 5ull << 18, big_len = ((4ull << 30) + (1 << 20)) / 4096;
         auto lun0 = make_gpt({{"big", big_first, big_first + big_len - 1}, {"mid", 256, 639}, {"dup", 100, 101}}, 4096,
@@ -150,8 +138,7 @@ TEST(StorageAccess, ErasesRunTheWholeWidthAndHighestLunWins)
 
         // 1.5 MiB: 1 MiB, then the half.
         fake.written.clear();
-        push_program(fake);
-        push_program(fake);
+        push_programs(fake, 2);
         EXPECT_EQ(pt_erase(pt_find("mid", 0)), 0);
         EXPECT_EQ(attr_of(fake.written, "program", "start_sector"), (std::vector<std::string>{"256", "512"}));
         EXPECT_EQ(attr_of(fake.written, "program", "num_partition_sectors"), (std::vector<std::string>{"256", "128"}));
@@ -159,7 +146,7 @@ TEST(StorageAccess, ErasesRunTheWholeWidthAndHighestLunWins)
         // Above 4 GiB: the erase starts at the partition's first sector and
         // goes on past the first 1 MiB; the target stops answering there.
         fake.written.clear();
-        push_program(fake);
+        push_programs(fake, 1);
         EXPECT_EQ(pt_erase(pt_find("big", 0)) & 0xFF, ERR_NO_RESPONSE);
         EXPECT_EQ(attr_of(fake.written, "program", "start_sector"),
                   (std::vector<std::string>{std::to_string(big_first), std::to_string(big_first + 256)}));

@@ -20,9 +20,7 @@ int32_t discover_with(fake_platform &fake, const std::vector<std::string> &lines
 {
     if (configure)
         fake.push_bytes(ack());
-    fake.push_bytes(answer("value=\"ACK\"", lines));
-    fake.push_bytes(raw_ack());
-    fake.push_bytes(std::string(blksz, '\0'));
+    fake.push_all({answer("value=\"ACK\"", lines), raw_ack(), std::string(blksz, '\0')});
     return storage_init();
 }
 
@@ -35,11 +33,8 @@ gpt_bytes two_parts(uint32_t blksz, uint64_t sectors, const std::string &a, cons
 
 TEST(StorageDiscovery, WordingsDecideTheBase)
 {
-    fake_platform fake;
-    temp_cwd cwd;
     // Hexadecimal in the first two wordings, decimal in the third.
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         ASSERT_EQ(discover_with(fake, {"Device Block Size in Bytes: 200", "Device Total Physical Paritions: 1",
                                        "Device Total Logical Blocks: 1000"}),
                   0);
@@ -51,8 +46,7 @@ TEST(StorageDiscovery, WordingsDecideTheBase)
         EXPECT_EQ(lun_size(0), 0x1000ull * 512);
         EXPECT_EQ(s->part, nullptr);
     });
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         log_capture c;
         ASSERT_EQ(discover_with(fake,
                                 {"SECTOR_SIZE_IN_BYTES=4096", "num_physical_partitions=1", "num_partition_sectors=1000",
@@ -71,10 +65,7 @@ TEST(StorageDiscovery, WordingsDecideTheBase)
 
 TEST(StorageDiscovery, ALineGivesOneFactAndPatternsAreAnchored)
 {
-    fake_platform fake;
-    temp_cwd cwd;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         // The LUN count behind the block size on the same line is not seen.
         fake.push_bytes(ack());
         fake.push_bytes(answer("value=\"ACK\"", {"SECTOR_SIZE_IN_BYTES=512 num_physical_partitions=1",
@@ -96,14 +87,10 @@ TEST(StorageDiscovery, ALineGivesOneFactAndPatternsAreAnchored)
 
 TEST(StorageDiscovery, LimitsAndFailuresFreeTheRecord)
 {
-    fake_platform fake;
-    temp_cwd cwd;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         log_capture c;
         // Nine LUNs are too many.
-        fake.push_bytes(ack());
-        fake.push_bytes(answer("value=\"ACK\"", info_lines(0, 512, 9, 100)));
+        fake.push_all({ack(), answer("value=\"ACK\"", info_lines(0, 512, 9, 100))});
         EXPECT_EQ(storage_init() & 0xFF, ERR_GENERAL);
         // A block size of neither kind.
         fake.push_bytes(answer("value=\"ACK\"", info_lines(0, 1024, 1, 100)));
@@ -142,10 +129,7 @@ TEST(StorageDiscovery, LimitsAndFailuresFreeTheRecord)
 
 TEST(StorageDiscovery, TablesUpToTheFirstLunWithout)
 {
-    fake_platform fake;
-    temp_cwd cwd;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         push_discovery(fake, 4096,
                        {{1000, two_parts(4096, 1000, "boot", "data")},
                         {1000, std::nullopt},
@@ -171,10 +155,7 @@ TEST(StorageDiscovery, TablesUpToTheFirstLunWithout)
 
 TEST(StorageDiscovery, RediscoveryKeepsBlockSizeButNotPartitions)
 {
-    fake_platform fake;
-    temp_cwd cwd;
-    in_session([&] {
-        bring_up(fake);
+    with_link([&](fake_platform &fake) {
         push_discovery(fake, 4096, {{1000, two_parts(4096, 1000, "a", "b")}});
         ASSERT_EQ(storage_init(), 0);
         storage *first = get_storage();

@@ -15,7 +15,6 @@ namespace {
 // One LUN of 1000 sectors of 4096 bytes, without a table.
 void blank_lun(fake_platform &fake)
 {
-    bring_up(fake);
     push_discovery(fake, 4096, {{1000, std::nullopt}});
     ASSERT_EQ(storage_init(), 0);
     fake.written.clear();
@@ -27,9 +26,7 @@ int32_t validate(const std::string &h, uint32_t length = 4096) { return validate
 
 TEST(Gpt, HeaderChecks)
 {
-    fake_platform fake;
-    temp_cwd cwd;
-    in_session([&] {
+    with_link([&](fake_platform &fake) {
         blank_lun(fake);
         std::string h = make_gpt({{"a", 10, 20}}, 4096, 1000).header;
         EXPECT_EQ(validate(h), 0);
@@ -65,17 +62,13 @@ TEST(Gpt, HeaderChecks)
 
 TEST(Gpt, HostileTablesAreRefusedBeforeTheyAreRead)
 {
-    fake_platform fake;
-    temp_cwd cwd;
-    in_session([&] {
+    with_link([&](fake_platform &fake) {
         blank_lun(fake);
         auto try_open = [&](const gpt_bytes &g, bool array_too) {
             fake.written.clear();
-            fake.push_bytes(raw_ack());
-            fake.push_bytes(g.header);
+            fake.push_all({raw_ack(), g.header});
             if (array_too) {
-                fake.push_bytes(raw_ack());
-                fake.push_bytes(g.array);
+                fake.push_all({raw_ack(), g.array});
             }
             int32_t code = gpt_open(0);
             gpt_close();
@@ -115,10 +108,7 @@ TEST(Gpt, HostileTablesAreRefusedBeforeTheyAreRead)
         EXPECT_EQ(get_gpt(), nullptr);
 
         // A sound one, opened twice, read to its end.
-        fake.push_bytes(raw_ack());
-        fake.push_bytes(g.header);
-        fake.push_bytes(raw_ack());
-        fake.push_bytes(g.array);
+        fake.push_all({raw_ack(), g.header, raw_ack(), g.array});
         ASSERT_EQ(gpt_open(0), 0);
         EXPECT_EQ(gpt_open(0) & 0xFF, ERR_EXISTS);
         gpt_slot *slot = gpt_read();
@@ -141,10 +131,7 @@ TEST(Gpt, HostileTablesAreRefusedBeforeTheyAreRead)
         wide.array[57] = 0x01; // 'a' becomes U+0161
         set_le(wide.header, 88, 4, ref_crc32(wide.array.data(), 128 * 128));
         reseal_header(wide.header);
-        fake.push_bytes(raw_ack());
-        fake.push_bytes(wide.header);
-        fake.push_bytes(raw_ack());
-        fake.push_bytes(wide.array);
+        fake.push_all({raw_ack(), wide.header, raw_ack(), wide.array});
         ASSERT_EQ(gpt_open(0), 0);
         EXPECT_STREQ(gpt_read()->name, "ab");
         gpt_close();
@@ -153,15 +140,12 @@ TEST(Gpt, HostileTablesAreRefusedBeforeTheyAreRead)
 
 TEST(Gpt, FlashFitsTheImageToTheLun)
 {
-    fake_platform fake;
-    temp_cwd cwd;
-    in_session([&] {
+    with_link([&](fake_platform &fake) {
         blank_lun(fake);
         gpt_bytes g = make_gpt({{"x", 10, 19}, {"y", 20, 29}, {"z", 30, 31}}, 4096, 50, 3, 128, false);
         std::string image = g.image(4096);
         for (int i = 0; i < 3; i++) {
-            fake.push_bytes(raw_ack());
-            fake.push_bytes(ack());
+            fake.push_all({raw_ack(), ack()});
         }
         ASSERT_EQ(gpt_flash(0, image.data(), (uint32_t)image.size()), 0);
         // Primary copy, backup array, backup header.

@@ -44,10 +44,7 @@ struct lun_script {
 // The dumps of one table as the host asks for them: header, then array.
 inline void push_table(fake_platform &fake, const gpt_bytes &g)
 {
-    fake.push_bytes(raw_ack());
-    fake.push_bytes(g.header);
-    fake.push_bytes(raw_ack());
-    fake.push_bytes(g.array);
+    fake.push_all({raw_ack(), g.header, raw_ack(), g.array});
 }
 
 // A whole discovery; configure is answered only the first time.
@@ -60,8 +57,7 @@ inline void push_discovery(fake_platform &fake, uint32_t blksz, const std::vecto
         fake.push_bytes(answer("value=\"ACK\"", info_lines(wording, blksz, (uint32_t)luns.size(), l.sectors)));
     for (auto &l : luns) {
         if (!l.gpt) {
-            fake.push_bytes(raw_ack());
-            fake.push_bytes(std::string(blksz, '\0'));
+            fake.push_all({raw_ack(), std::string(blksz, '\0')});
             break;
         }
         push_table(fake, *l.gpt);

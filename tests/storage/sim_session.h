@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "container/container.h"
+#include "firehose/scripted_target.h"
 #include "ravik.h"
 #include "sim.h"
 #include "storage/gpt_check.h"
@@ -31,11 +32,7 @@ inline std::string pattern(size_t n, int seed)
 // A container's bytes, written through the library's own writer.
 inline std::string container_bytes(const std::string &path, const std::map<std::string, std::string> &entries)
 {
-    std::remove(path.c_str());
-    simg *w = simg_open(path.c_str(), SIMG_CREATE);
-    for (auto &[name, data] : entries)
-        simg_store(w, data.data(), data.size(), name.c_str());
-    simg_close(w);
+    write_container(path, entries);
     return read_file(path);
 }
 

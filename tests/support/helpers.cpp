@@ -58,6 +58,23 @@ static std::string ring_text(bool (*get)(logger_view *))
 std::string current_log() { return ring_text(logger_current); }
 std::string previous_log() { return ring_text(logger_previous); }
 
+std::string missing_in_order(const std::string &text, const std::vector<std::string> &parts)
+{
+    size_t at = 0;
+    for (auto &p : parts)
+        if ((at = text.find(p, at)) == std::string::npos)
+            return p;
+    return "";
+}
+
+bool any_holds(const std::vector<std::string> &lines, const std::string &text)
+{
+    for (auto &l : lines)
+        if (l.find(text) != std::string::npos)
+            return true;
+    return false;
+}
+
 bool file_exists(const std::string &path)
 {
     struct stat st;
@@ -102,12 +119,6 @@ int log_capture::count(const std::string &line) const
     return n;
 }
 
-bool log_capture::contains(const std::string &text) const
-{
-    for (auto &l : lines)
-        if (l.find(text) != std::string::npos)
-            return true;
-    return false;
-}
+bool log_capture::contains(const std::string &text) const { return any_holds(lines, text); }
 
 } // namespace ravik::test

@@ -25,6 +25,11 @@ class temp_cwd {
 };
 
 std::string read_file(const std::string &path);
+// The first of `parts` not found in `text` after the one before it; "" when
+// all are there in that order.
+std::string missing_in_order(const std::string &text, const std::vector<std::string> &parts);
+// Some line holds `text` anywhere.
+bool any_holds(const std::vector<std::string> &lines, const std::string &text);
 // The text of the thread's current and previous log rings; "" if none.
 std::string current_log();
 std::string previous_log();

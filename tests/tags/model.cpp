@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <string>
 
+#include "container/simg_support.h"
 #include "core/core.h"
 #include "support/helpers.h"
 #include "tags/doc_view.h"
@@ -228,11 +229,8 @@ TEST(TagsDocument, ClearKeepsFiltersAndFlagsAndNullIsHarmless)
 TEST(TagsLoad, ReadsAndParsesAFile)
 {
     temp_cwd cwd;
-    FILE *f = fopen("index.xml", "wb");
-    ASSERT_NE(f, nullptr);
     const char *text = "<?xml version=\"1.0\"?>\n<data>\n  <board id=\"0x1\" name=\"abc\"/>\n</data>\n";
-    fputs(text, f);
-    fclose(f);
+    write_file("index.xml", text);
     xtags *doc = xtags_create();
     ASSERT_EQ(xtags_parse(doc, text), 0);
     int64_t parsed_blocks = mem_outstanding();
@@ -247,29 +245,21 @@ TEST(TagsLoad, FailuresAndTheirLogLines)
 {
     temp_cwd cwd;
     on_fresh_thread([] {
-        FILE *f = fopen("empty.xml", "wb");
-        fclose(f);
+        write_file("empty.xml", "");
+        write_file("small.xml", "<a x=\"1\"/>");
         xtags *doc = xtags_create();
         EXPECT_EQ(xtags_load(doc, "empty.xml"), -1);
         EXPECT_EQ(xtags_load(doc, "missing.xml"), -1);
-        f = fopen("small.xml", "wb");
-        fputs("<a x=\"1\"/>", f);
-        fclose(f);
         mem_fail_nth(1);
         EXPECT_EQ(xtags_load(doc, "small.xml"), -1);
         mem_fail_nth(0);
         xtags_free(doc);
-        std::string log = current_log();
-        const char *in_order[] = {
-            "Error reading from file \"empty.xml\"\n", "Error loading file empty.xml\n",
-            "Error opening file \"missing.xml\"\n",    "Error loading file missing.xml\n",
-            "Out of memory!\n",                         "Error loading file small.xml\n",
-        };
-        size_t at = 0;
-        for (const char *s : in_order) {
-            size_t found = log.find(s, at);
-            ASSERT_NE(found, std::string::npos) << s << "\n" << log;
-            at = found;
-        }
+        EXPECT_EQ(missing_in_order(current_log(), {"Error reading from file \"empty.xml\"\n",
+                                                   "Error loading file empty.xml\n",
+                                                   "Error opening file \"missing.xml\"\n",
+                                                   "Error loading file missing.xml\n", "Out of memory!\n",
+                                                   "Error loading file small.xml\n"}),
+                  "")
+            << current_log();
     });
 }

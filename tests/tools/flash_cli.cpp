@@ -9,11 +9,13 @@
 #include <fstream>
 #include <grp.h>
 #include <map>
+#include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
 
 #include "container/container.h"
 #include "container/simg_support.h"
+#include "firehose/scripted_target.h"
 #include "ravik.h"
 #include "sim.h"
 #include "support/helpers.h"
@@ -34,42 +36,28 @@ cli_result ravik_flash(std::vector<std::string> args, cli_opts o = {})
 std::vector<std::string> lines_of(const std::string &text)
 {
     std::vector<std::string> v;
-    size_t at = 0, nl;
-    while ((nl = text.find('\n', at)) != std::string::npos) {
-        v.push_back(text.substr(at, nl - at));
-        at = nl + 1;
-    }
-    if (at < text.size())
-        v.push_back(text.substr(at));
+    std::istringstream in(text);
+    for (std::string l; std::getline(in, l);)
+        v.push_back(l);
     return v;
 }
 
 bool starts(const std::string &s, const std::string &p) { return s.rfind(p, 0) == 0; }
 
-const std::string IMAGE_DATA = [] {
-    std::string s(5000, '\0');
-    for (size_t i = 0; i < s.size(); i++)
-        s[i] = (char)(i * 7 + 3);
-    return s;
-}();
+const std::string IMAGE_DATA = pattern(5000, 3);
 
 // A container for eMMC targets of chip 0x0BEE: one image by sector.
 void make_container(const std::string &path)
 {
     auto programmer = ravik_sim::demo_programmer();
-    const std::map<std::string, std::string> entries = {
+    write_container(path, {
         {"index.xml", "<index><board id=\"0x0BEE\" name=\"station\"/>"
                       "<package compatible=\"protocol:ravik cpu.name:station\" filename=\"package.xml\"/></index>"},
         {"package.xml", "<package><programmer filename=\"programmer.elf\"/><recipe filename=\"emmc.xml\"/></package>"},
         {"emmc.xml", "<recipe><configure SkipStorageInit=\"0\"/><program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" "
                      "filename=\"boot.img\" physical_partition_number=\"0\" start_sector=\"2048\"/></recipe>"},
         {"boot.img", IMAGE_DATA},
-        {"programmer.elf", std::string(programmer.begin(), programmer.end())}};
-    simg *w = simg_open(path.c_str(), SIMG_CREATE);
-    ASSERT_NE(w, nullptr);
-    for (auto &[name, data] : entries)
-        ASSERT_NE(simg_store(w, data.data(), data.size(), name.c_str()), nullptr);
-    simg_close(w);
+        {"programmer.elf", std::string(programmer.begin(), programmer.end())}});
 }
 
 // Simulated eMMC targets, each on its own link in the test's directory.
