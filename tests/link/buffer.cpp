@@ -19,7 +19,7 @@ namespace {
 int32_t code() { return get_error() & ERR_CODE_MASK; }
 
 // A session's device on the fake line, torn down at the end of the test.
-template <typename F> void with_device(fake_platform &fake, F body)
+template <typename F> void with_device(F body)
 {
     on_fresh_thread([&] {
         device_set_name("fake");
@@ -27,7 +27,6 @@ template <typename F> void with_device(fake_platform &fake, F body)
         body();
         free_device();
     });
-    (void)fake;
 }
 
 } // namespace
@@ -35,7 +34,7 @@ template <typename F> void with_device(fake_platform &fake, F body)
 TEST(TransferBuffer, SecondAcquireFailsAndTheFirstHoldStands)
 {
     fake_platform fake;
-    with_device(fake, [] {
+    with_device([] {
         ASSERT_EQ(__buffer_acquire(), 0);
         ASSERT_EQ(buffer_printf("first %d", 1), 7);
         int32_t r = __buffer_acquire();
@@ -55,7 +54,7 @@ TEST(TransferBuffer, SecondAcquireFailsAndTheFirstHoldStands)
 TEST(TransferBuffer, PrintNeedsAnAcquireAndRoomForTheNul)
 {
     fake_platform fake;
-    with_device(fake, [] {
+    with_device([] {
         EXPECT_EQ(buffer_printf("x"), 0);
         EXPECT_EQ(code(), ERR_GENERAL); // never acquired: limit 0
 
@@ -80,7 +79,7 @@ TEST(TransferBuffer, ReadsAppendUpToTheEndMark)
 {
     fake_platform fake;
     fake.push_all({"hello", "world and more"});
-    with_device(fake, [] {
+    with_device([] {
         ASSERT_EQ(__buffer_acquire(), 0);
         EXPECT_EQ(buffer_read(8), 5);
         EXPECT_EQ(buffer_read(8), 3); // the mark is absolute: 3 bytes were missing
@@ -107,7 +106,7 @@ TEST(TransferBuffer, ReadOfZeroFillsTheWholeBufferAndNoMore)
 {
     fake_platform fake;
     fake.push_bytes(std::string(3 * BUFFER_SIZE / 2, 'z'));
-    with_device(fake, [] {
+    with_device([] {
         ASSERT_EQ(__buffer_acquire(), 0);
         ASSERT_EQ(buffer_printf("head"), 4);
         EXPECT_EQ(buffer_read(0), BUFFER_SIZE - 4);
@@ -123,7 +122,7 @@ TEST(TransferBuffer, ReadBeyondTheEndNeverMovesTheLimitPastTheBuffer)
 {
     fake_platform fake;
     fake.push_bytes(std::string(2 * BUFFER_SIZE, 'y'));
-    with_device(fake, [&] {
+    with_device([&] {
         ASSERT_EQ(__buffer_acquire(), 0);
         for (int32_t wanted : {BUFFER_SIZE + 1, 2 * BUFFER_SIZE, INT32_MAX}) {
             int before = fake.read_calls;
@@ -148,7 +147,7 @@ TEST(TransferBuffer, ReadBeyondTheEndNeverMovesTheLimitPastTheBuffer)
 TEST(TransferBuffer, WriteSendsTheFillOnce)
 {
     fake_platform fake;
-    with_device(fake, [&] {
+    with_device([&] {
         ASSERT_EQ(__buffer_acquire(), 0);
         EXPECT_EQ(buffer_write(), 0);
         EXPECT_EQ(code(), ERR_GENERAL); // nothing to write

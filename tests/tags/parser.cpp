@@ -40,15 +40,13 @@ TEST(TagsParse, SelfClosingTagWithItsAttributeText)
     EXPECT_EQ(lines[0], (line_view{"a", "b=\"1\"", {{"b", "1"}}}));
 
     // Blanks stay in attrs as written and go out again as they stood.
-    xtags *doc = xtags_create();
-    ASSERT_EQ(xtags_parse(doc, "<a b=\"1\" />"), 0);
-    EXPECT_STREQ(first_line(doc)->attrs, "b=\"1\" ");
+    doc_of d("<a b=\"1\" />");
+    EXPECT_STREQ(d.first()->attrs, "b=\"1\" ");
     size_t len = 0;
-    char *xml = tagline_format_xml(first_line(doc), &len);
+    char *xml = tagline_format_xml(d.first(), &len);
     EXPECT_STREQ(xml, "<?xml version=\"1.0\"?><data><a b=\"1\" /></data>");
     EXPECT_EQ(len, strlen(xml));
     mem_free(xml);
-    xtags_free(doc);
 
     EXPECT_EQ(parsed("< a \t x = \"1\"   y=\"2\"\n/>"),
               (std::vector<line_view>{{"a", "x = \"1\"   y=\"2\"\n", {{"x", "1"}, {"y", "2"}}}}));
@@ -58,14 +56,12 @@ TEST(TagsParse, SelfClosingTagWithItsAttributeText)
 
 TEST(TagsParse, UnparsableAttributesStayInTheTextOnly)
 {
-    xtags *doc = xtags_create();
-    ASSERT_EQ(xtags_parse(doc, "<a b=\"1\" c=2/>"), 0);
-    tagline *line = first_line(doc);
+    doc_of d("<a b=\"1\" c=2/>");
+    tagline *line = d.first();
     EXPECT_STREQ(line->attrs, "b=\"1\" c=2");
     EXPECT_EQ(view_of(line).pairs, (pairs_t{{"b", "1"}}));
     ASSERT_EQ(tagline_set(line, "d", "3"), 0);
     EXPECT_STREQ(line->attrs, "b=\"1\" d=\"3\"");
-    xtags_free(doc);
 }
 
 TEST(TagsParse, NoStructure)
@@ -123,13 +119,11 @@ TEST(TagsParse, Comments)
 
 TEST(TagsParse, NamesKeepTheirCaseAndLookupsIgnoreIt)
 {
-    xtags *doc = xtags_create();
-    ASSERT_EQ(xtags_parse(doc, "<?XML VERSION=\"1.0\"?><DaTa X=\"1\"/>"), 0);
-    EXPECT_STREQ(first_line(doc)->name, "DaTa");
-    EXPECT_EQ(view_of(first_line(doc)).pairs, (pairs_t{{"X", "1"}}));
-    EXPECT_STREQ(xtags_get(doc, "data", "x"), "1");
-    EXPECT_TRUE(tagline_is(first_line(doc), "DATA"));
-    xtags_free(doc);
+    doc_of d("<?XML VERSION=\"1.0\"?><DaTa X=\"1\"/>");
+    EXPECT_STREQ(d.first()->name, "DaTa");
+    EXPECT_EQ(view_of(d.first()).pairs, (pairs_t{{"X", "1"}}));
+    EXPECT_STREQ(xtags_get(d.doc, "data", "x"), "1");
+    EXPECT_TRUE(tagline_is(d.first(), "DATA"));
     // The declaration alternative ignores case too.
     EXPECT_TRUE(regex_match(("^(" + std::string(TAG_PATTERN) + ")$").c_str(), "<?XML VERSION=\"1.0\"?>"));
 }
