@@ -32,6 +32,13 @@ int32_t run_package(const std::string &package, const std::map<std::string, std:
     return code;
 }
 
+// One command of a recipe; its code.
+int32_t do_cmd(const std::string &cmd)
+{
+    firehose_do_fmt("%s", cmd.c_str());
+    return get_error();
+}
+
 // A command with buffer="0x..." of `p` appended; its code.
 int32_t to_buffer(const std::string &cmd, const void *p)
 {
@@ -109,13 +116,10 @@ TEST(RecipeEngine, OneLineCommands)
 {
     with_link([&](fake_platform &fake) {
         log_capture c;
-        firehose_do_fmt("print what=\"%s\"", "hello");
-        EXPECT_EQ(get_error(), 0);
+        EXPECT_EQ(do_cmd("print what=\"hello\""), 0);
         EXPECT_TRUE(c.has("hello\n"));
-        firehose_do_fmt("restore");
-        EXPECT_EQ(get_error() & 0xFF, ERR_NOT_FOUND);
-        firehose_do_fmt("sleep ms=\"0\"");
-        EXPECT_EQ(get_error() & 0xFF, ERR_MISSING_PARAM);
+        EXPECT_EQ(do_cmd("restore") & 0xFF, ERR_NOT_FOUND);
+        EXPECT_EQ(do_cmd("sleep ms=\"0\"") & 0xFF, ERR_MISSING_PARAM);
         uint64_t slept = fake.slept_ms;
         firehose_do_fmt("sleep ms=\"0x10\" why=\"w\"");
         EXPECT_EQ(fake.slept_ms - slept, 16u);
@@ -132,24 +136,19 @@ TEST(RecipeEngine, OneLineCommands)
 
         fake.written.clear();
         fake.push_bytes(ack());
-        firehose_do_fmt("power value=\"RESET\"");
-        EXPECT_EQ(get_error(), 0);
+        EXPECT_EQ(do_cmd("power value=\"RESET\""), 0);
         EXPECT_TRUE(c.has("Rebooting\n"));
         fake.push_bytes(ack());
-        firehose_do_fmt("power value=\"sleep\"");
-        EXPECT_EQ(get_error(), 0);
+        EXPECT_EQ(do_cmd("power value=\"sleep\""), 0);
         EXPECT_TRUE(c.has("unknown reboot type: sleep\n"));
         EXPECT_EQ(commands(fake.written), (std::vector<std::string>{"power value=\"RESET\"", "power value=\"sleep\""}));
-        firehose_do_fmt("power why=\"x\"");
-        EXPECT_EQ(get_error() & 0xFF, ERR_MISSING_PARAM);
+        EXPECT_EQ(do_cmd("power why=\"x\"") & 0xFF, ERR_MISSING_PARAM);
 
         // patch of anything but the disk is passed over.
         fake.written.clear();
-        firehose_do_fmt("patch filename=\"gpt.bin\" what=\"x\"");
-        EXPECT_EQ(get_error(), 0);
+        EXPECT_EQ(do_cmd("patch filename=\"gpt.bin\" what=\"x\""), 0);
         fake.push_bytes(ack());
-        firehose_do_fmt("patch filename=\"disk\" what=\"crc\" start_sector=\"5\"");
-        EXPECT_EQ(get_error(), 0);
+        EXPECT_EQ(do_cmd("patch filename=\"disk\" what=\"crc\" start_sector=\"5\""), 0);
         EXPECT_TRUE(c.has("Patching disk -- crc\n"));
         EXPECT_EQ(commands(fake.written).size(), 1u);
     });
@@ -212,8 +211,7 @@ TEST(TargetBringUp, ConfigureNegotiatesThePayload)
         log_capture c;
         fake.push_all({nak("MaxPayloadSizeToTargetInBytes=\"65536\""),
                        ack("MaxPayloadSizeToTargetInBytesSupported=\"2097152\"")});
-        firehose_do_fmt("configure SkipStorageInit=\"0\"");
-        EXPECT_EQ(get_error(), 0);
+        EXPECT_EQ(do_cmd("configure SkipStorageInit=\"0\""), 0);
         EXPECT_EQ(commands(fake.written),
                   (std::vector<std::string>{
                       "configure SkipStorageInit=\"0\" Verbose=\"0\" ZlpAwareHost=\"1\" MemoryName=\"eMMC\" "
@@ -228,18 +226,15 @@ TEST(TargetBringUp, ConfigureNegotiatesThePayload)
 
         // Storage is set up: a second configure goes nowhere and counts as done.
         fake.written.clear();
-        firehose_do_fmt("configure SkipStorageInit=\"0\"");
-        EXPECT_EQ(get_error(), 0);
+        EXPECT_EQ(do_cmd("configure SkipStorageInit=\"0\""), 0);
         EXPECT_TRUE(fake.written.empty());
         // A NAK without a proposal, and a second NAK.
         device_unset("fh.storage_inited");
         fake.push_bytes(nak());
-        firehose_do_fmt("configure SkipStorageInit=\"1\"");
-        EXPECT_EQ(get_error() & 0xFF, ERR_BAD_RESPONSE);
+        EXPECT_EQ(do_cmd("configure SkipStorageInit=\"1\"") & 0xFF, ERR_BAD_RESPONSE);
         fake.push_all({nak("MaxPayloadSizeToTargetInBytes=\"9999999\""), nak()});
         fake.written.clear();
-        firehose_do_fmt("configure SkipStorageInit=\"1\"");
-        EXPECT_EQ(get_error() & 0xFF, ERR_NAK);
+        EXPECT_EQ(do_cmd("configure SkipStorageInit=\"1\"") & 0xFF, ERR_NAK);
         // The stored size wins; the cap holds on the second offer.
         ASSERT_EQ(commands(fake.written).size(), 2u);
         EXPECT_NE(commands(fake.written)[0].find("MaxPayloadSizeToTargetInBytes=\"65536\""), std::string::npos);

@@ -133,14 +133,19 @@ size_t host::fill(int timeout_ms)
     return (size_t)n;
 }
 
-std::vector<uint8_t> host::read_once(size_t max, int timeout_ms)
+std::vector<uint8_t> host::take(size_t max)
 {
-    if (pending_.empty())
-        fill(timeout_ms);
     size_t n = std::min(max, pending_.size());
     std::vector<uint8_t> out(pending_.begin(), pending_.begin() + (ptrdiff_t)n);
     pending_.erase(0, n);
     return out;
+}
+
+std::vector<uint8_t> host::read_once(size_t max, int timeout_ms)
+{
+    if (pending_.empty())
+        fill(timeout_ms);
+    return take(max);
 }
 
 std::vector<uint8_t> host::read_exact(size_t n, int timeout_ms)
@@ -149,10 +154,7 @@ std::vector<uint8_t> host::read_exact(size_t n, int timeout_ms)
     while (pending_.size() < n)
         if (fill(ms_left(until)) == 0 && ms_left(until) == 0)
             break;
-    size_t got = std::min(n, pending_.size());
-    std::vector<uint8_t> out(pending_.begin(), pending_.begin() + (ptrdiff_t)got);
-    pending_.erase(0, got);
-    return out;
+    return take(n);
 }
 
 bool host::hung_up(int timeout_ms)

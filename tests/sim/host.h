@@ -64,6 +64,7 @@ class host {
     int reads_ = 0;
     std::string pending_;
     size_t fill(int timeout_ms);
+    std::vector<uint8_t> take(size_t max);
 };
 
 // Sahara sequences.

@@ -24,11 +24,6 @@ std::vector<uint8_t> pattern(size_t n, uint32_t seed)
     return v;
 }
 
-size_t count_kind(const ravik_sim::target &t, const std::string &kind)
-{
-    return t.wire().of_kind(kind).size();
-}
-
 } // namespace
 
 TEST(SimSession, FlashReadBackResetAndReconnect)
@@ -121,7 +116,7 @@ TEST(SimSession, FlashReadBackResetAndReconnect)
     ASSERT_EQ(upload(again, ravik_sim::demo_programmer(), why, false), 0) << why;
     // A fresh programmer: configure again before storage.
     EXPECT_FALSE(again.command("getStorageInfo physical_partition_number=\"0\"").ack);
-    EXPECT_EQ(count_kind(*box.target, "power-on"), 2u);
+    EXPECT_EQ(box.target->wire().of_kind("power-on").size(), 2u);
 
     // The transcript has every command as received, in order.
     auto cmds = box.target->wire().commands();
