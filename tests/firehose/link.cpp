@@ -2,6 +2,7 @@
 // answers cut anywhere, NAKs, time-outs and raw-mode answers.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -24,13 +25,16 @@ std::string log_doc(const std::string &v)
     return "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<log value=\"" + v + "\" />\n</data>";
 }
 
-// Opens the device and wakes the link on the scripted ACK to its nop.
-void wake(fake_platform &fake)
+// A session whose link woke on the scripted ACK to its nop; the wake-up's
+// bytes are cleared.
+void with_awake_link(const std::function<void(fake_platform &)> &body)
 {
-    ASSERT_EQ(device_open(), 0);
-    fake.push_bytes(ACK);
-    ASSERT_NE(get_fh(), nullptr);
-    fake.written.clear();
+    with_open_device([&](fake_platform &fake) {
+        fake.push_bytes(ACK);
+        ASSERT_NE(get_fh(), nullptr);
+        fake.written.clear();
+        body(fake);
+    });
 }
 
 std::vector<std::string> names(const xtags *doc) { return names_of(&doc->lines); }
@@ -59,9 +63,7 @@ TEST(FirehoseLink, WakeUpSettlesOnceAndSendsTheNop)
 
 TEST(FirehoseLink, NoCommandIsAMultipleOf512Bytes)
 {
-    fake_platform fake;
-    in_session([&] {
-        wake(fake);
+    with_awake_link([&](fake_platform &fake) {
         log_capture c;
         logger_set_level(LOG_DEBUG);
         // head (28) + "x v=\"" (5) + pad + "\"" (1) + tail (9)
@@ -80,9 +82,7 @@ TEST(FirehoseLink, NoCommandIsAMultipleOf512Bytes)
 
 TEST(FirehoseLink, AnswerCutAnywhereBecomesOneDocument)
 {
-    fake_platform fake;
-    in_session([&] {
-        wake(fake);
+    with_awake_link([&](fake_platform &fake) {
         std::string whole = log_doc("a") + log_doc("b") + ACK;
         for (size_t cut : {whole.size(), (size_t)1, (size_t)7}) {
             // cut == size: all in one read; else reads of `cut` bytes.
@@ -98,9 +98,7 @@ TEST(FirehoseLink, AnswerCutAnywhereBecomesOneDocument)
 
 TEST(FirehoseLink, NakIsAnAnswerWithItsLogLines)
 {
-    fake_platform fake;
-    in_session([&] {
-        wake(fake);
+    with_awake_link([&](fake_platform &fake) {
         log_capture c;
         fake.push_bytes(log_doc("bad sector") + log_doc("") + NAK);
         xtags *doc = fh_send_fmt("nop value=\"x\"");
@@ -129,9 +127,7 @@ TEST(FirehoseLink, NakIsAnAnswerWithItsLogLines)
 
 TEST(FirehoseLink, SilenceAndIncompleteAnswersTimeOut)
 {
-    fake_platform fake;
-    in_session([&] {
-        wake(fake);
+    with_awake_link([&](fake_platform &fake) {
         double t0 = fake.clock;
         EXPECT_EQ(fh_send_fmt("nop value=\"x\""), nullptr);
         EXPECT_EQ(get_error(), 0); // a time-out is no code by itself
@@ -161,9 +157,7 @@ TEST(FirehoseLink, SilenceAndIncompleteAnswersTimeOut)
 
 TEST(FirehoseLink, RawModeAnswers)
 {
-    fake_platform fake;
-    in_session([&] {
-        wake(fake);
+    with_awake_link([&](fake_platform &fake) {
         doc_of cmd("<program SECTOR_SIZE_IN_BYTES=\"512\" />");
         tagline *line = cmd.first();
 
@@ -195,9 +189,7 @@ TEST(FirehoseLink, RawModeAnswers)
 
 TEST(FirehoseLink, CommitResultWaitsPastOrdinaryAnswers)
 {
-    fake_platform fake;
-    in_session([&] {
-        wake(fake);
+    with_awake_link([&](fake_platform &fake) {
         doc_of cmd("<ufs commit=\"1\" />");
         tagline *line = cmd.first();
         fake.push_all({log_doc("committing") + ACK,
@@ -211,9 +203,7 @@ TEST(FirehoseLink, CommitResultWaitsPastOrdinaryAnswers)
 
 TEST(FirehoseLink, WakeUpGivesUpAfterSixtySeconds)
 {
-    fake_platform fake;
-    in_session([&] {
-        ASSERT_EQ(device_open(), 0);
+    with_open_device([&](fake_platform &fake) {
         // The programmer refuses the nop every time.
         for (int i = 0; i < 200; i++)
             fake.push_bytes(NAK);
@@ -236,9 +226,7 @@ TEST(FirehoseLink, WakeUpGivesUpAfterSixtySeconds)
 
 TEST(FirehoseLink, InvalidateKeepsSettings)
 {
-    fake_platform fake;
-    in_session([&] {
-        wake(fake);
+    with_awake_link([&](fake_platform &fake) {
         EXPECT_DOUBLE_EQ(fh_read_latency(8.0), 1.5);
         EXPECT_DOUBLE_EQ(fh_read_latency(0), 8.0);
         EXPECT_DOUBLE_EQ(fh_read_latency(-1), 8.0);
@@ -258,9 +246,7 @@ TEST(FirehoseLink, InvalidateKeepsSettings)
 
 TEST(FirehoseLink, LateAnswerIsTakenByTheNextCommand)
 {
-    fake_platform fake;
-    in_session([&] {
-        wake(fake);
+    with_awake_link([&](fake_platform &fake) {
         fake.push_idle(10); // one whole empty read: the first command times out
         fake.push_bytes("<?xml version=\"1.0\" ?><data><response value=\"ACK\" late=\"yes\" /></data>");
         EXPECT_EQ(fh_send_fmt("nop value=\"first\""), nullptr);
@@ -272,9 +258,7 @@ TEST(FirehoseLink, LateAnswerIsTakenByTheNextCommand)
 
 TEST(FirehoseLink, AnswerBehindARawModeAnswerIsKeptForTheNextRead)
 {
-    fake_platform fake;
-    in_session([&] {
-        wake(fake);
+    with_awake_link([&](fake_platform &fake) {
         doc_of cmd("<program SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"0\" />");
         tagline *line = cmd.first();
         // A program of 0 sectors: the target answers twice in one burst.

@@ -15,9 +15,7 @@ using namespace ravik::test;
 
 TEST(DeviceRead, IdleLineGivesZeroAfterElevenSeconds)
 {
-    fake_platform fake;
-    in_session([&] {
-        ASSERT_EQ(device_open(), 0);
+    with_open_device([&](fake_platform &fake) {
         log_capture c;
         set_error(ERR_NAK);
         double t0 = fake.clock;
@@ -32,9 +30,7 @@ TEST(DeviceRead, IdleLineGivesZeroAfterElevenSeconds)
 
 TEST(DeviceRead, ReturnsWhatComesWithoutFillingTheBuffer)
 {
-    fake_platform fake;
-    in_session([&] {
-        ASSERT_EQ(device_open(), 0);
+    with_open_device([&](fake_platform &fake) {
         fake.push_idle(3);
         fake.push_bytes("hello");
         char buf[48];
@@ -47,9 +43,7 @@ TEST(DeviceRead, ReturnsWhatComesWithoutFillingTheBuffer)
 
 TEST(DeviceRead, VanishedPortLogsEveryAttempt)
 {
-    fake_platform fake;
-    in_session([&] {
-        ASSERT_EQ(device_open(), 0);
+    with_open_device([&](fake_platform &fake) {
         for (int i = 0; i < 10; i++)
             fake.push_read_error(EIO);
         log_capture c;
@@ -62,9 +56,7 @@ TEST(DeviceRead, VanishedPortLogsEveryAttempt)
 
 TEST(DeviceWrite, ShortZeroAndFailedWrites)
 {
-    fake_platform fake;
-    in_session([&] {
-        ASSERT_EQ(device_open(), 0);
+    with_open_device([&](fake_platform &fake) {
         fake.write_cap = 3;
         EXPECT_EQ(device_write("abcdef", 6), 3);
         EXPECT_EQ(get_error(), 0);
@@ -83,9 +75,7 @@ TEST(DeviceWrite, ShortZeroAndFailedWrites)
 
 TEST(DeviceIo, HexdumpFlagDumpsTrafficAtDebugLevel)
 {
-    fake_platform fake;
-    in_session([&] {
-        ASSERT_EQ(device_open(), 0);
+    with_open_device([&](fake_platform &fake) {
         device_set_flag(DEVICE_FLAG_HEXDUMP | DEVICE_FLAG_DEBUG);
         log_capture c;
         fake.push_bytes("ping");

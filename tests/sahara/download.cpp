@@ -73,9 +73,7 @@ TEST(SaharaDownload, ServesRangesInAnyOrderAndTwice)
 
 TEST(SaharaDownload, AfterAResetTheTargetGreetsFirst)
 {
-    fake_platform fake;
-    in_session([&] {
-        ASSERT_EQ(device_open(), 0);
+    with_open_device([&](fake_platform &fake) {
         device_setu("sahara.current_mode", 0);
         std::string image = make_image(100);
         fake.push_all({hello(0), read_data(0, 100), end_image(0), done_resp(0)});
@@ -146,9 +144,7 @@ TEST(SaharaDownload, TargetEndsAndAborts)
 
 TEST(SaharaDownload, SwitchAndDoneExchangeFailures)
 {
-    fake_platform fake;
-    in_session([&] {
-        ASSERT_EQ(device_open(), 0);
+    with_open_device([&](fake_platform &fake) {
         // The target does not greet after the switch.
         device_setu("sahara.current_mode", 3);
         std::string image = make_image(64);

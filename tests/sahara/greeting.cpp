@@ -55,12 +55,10 @@ void expect_execs(const std::string &written, std::vector<uint32_t> cmds)
 
 TEST(SaharaGreeting, IdentifiesByHardwareIdWord)
 {
-    fake_platform fake;
-    in_session([&] {
+    with_open_device([&](fake_platform &fake) {
         log_capture c;
-        ASSERT_EQ(device_open(), 0);
-        script_greeting(fake, {{1, u32s({0xCAFEF00D})}, {2, u32s({0xFFFFFFFF, 0x12345678})}, {7, u32s({0x00010002})}},
-                        3);
+        script_greeting(fake,
+                        {{1, u32s({0xCAFEF00D})}, {2, u32s({0xFFFFFFFF, 0x12345678})}, {7, u32s({0x00010002})}}, 3);
         ASSERT_EQ(sahara_greet_device(), 0);
         EXPECT_EQ(device_getu("cpu.serial", 0), 0xCAFEF00Du);
         EXPECT_EQ(device_getu("cpu.id", 0), 0x2345u);
@@ -74,9 +72,7 @@ TEST(SaharaGreeting, IdentifiesByHardwareIdWord)
 
 TEST(SaharaGreeting, IdEmbeddedInSerialSkipsTheOtherCommands)
 {
-    fake_platform fake;
-    in_session([&] {
-        ASSERT_EQ(device_open(), 0);
+    with_open_device([&](fake_platform &fake) {
         script_greeting(fake, {{1, u32s({7, 0x000A0B0C})}});
         ASSERT_EQ(sahara_greet_device(), 0);
         EXPECT_EQ(device_getu("cpu.id", 0), 0x000A0B0Cu);
@@ -87,9 +83,7 @@ TEST(SaharaGreeting, IdEmbeddedInSerialSkipsTheOtherCommands)
 
 TEST(SaharaGreeting, ZeroSecondWordTakesTheHardwareIdRoad)
 {
-    fake_platform fake;
-    in_session([&] {
-        ASSERT_EQ(device_open(), 0);
+    with_open_device([&](fake_platform &fake) {
         script_greeting(fake, {{1, u32s({7, 0})}, {2, u32s({0, 0x0ABCD000})}, {7, u32s({1})}});
         ASSERT_EQ(sahara_greet_device(), 0);
         EXPECT_EQ(device_getu("cpu.id", 0), 0xABCDu);
@@ -120,10 +114,8 @@ TEST(SaharaGreeting, DebugRunReadsAndDumpsDebugData)
 
 TEST(SaharaGreeting, FailedPassReopensAndSwitchesModeByCommand)
 {
-    fake_platform fake;
-    in_session([&] {
+    with_open_device([&](fake_platform &fake) {
         log_capture c;
-        ASSERT_EQ(device_open(), 0);
         // Command mode, then a wrong answer; on the second pass the held
         // mode is 3, so the host switches by command.
         fake.push_all({hello(3), words(6, {0}), command_ready(), exec_resp(1, 8), u32s({5, 6})});
@@ -141,9 +133,7 @@ TEST(SaharaGreeting, FailedPassReopensAndSwitchesModeByCommand)
 
 TEST(SaharaGreeting, ThreePassesThenTheLastCode)
 {
-    fake_platform fake;
-    in_session([&] {
-        ASSERT_EQ(device_open(), 0);
+    with_open_device([&](fake_platform &fake) {
         fake.push_all({end_image(0), end_image(0), end_image(0)});
         int32_t code = sahara_greet_device();
         EXPECT_EQ(code & 0xFF, 128);
@@ -164,9 +154,7 @@ TEST(SaharaGreeting, ThreePassesThenTheLastCode)
 
 TEST(SaharaGreeting, HostileAndBrokenAnswers)
 {
-    fake_platform fake;
-    in_session([&] {
-        ASSERT_EQ(device_open(), 0);
+    with_open_device([&](fake_platform &fake) {
         // Each case: the greeting reaches command mode, then the target's
         // answer to CMD_READ_SN is the case.
         auto run = [&](std::vector<std::string> answers) {
@@ -211,9 +199,7 @@ TEST(SaharaGreeting, HostileAndBrokenAnswers)
 
 TEST(SaharaGreeting, ShortPacketWriteAndBusyBuffer)
 {
-    fake_platform fake;
-    in_session([&] {
-        ASSERT_EQ(device_open(), 0);
+    with_open_device([&](fake_platform &fake) {
         // The port takes only part of HELLO_RESP, on every pass.
         fake.push_all({hello(0), hello(0), hello(0)});
         fake.write_caps = {20, 20, 20};

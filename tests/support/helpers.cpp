@@ -10,9 +10,12 @@
 
 #include <filesystem>
 
+#include <gtest/gtest.h>
+
 #include "core/logger.h"
 #include "link/device.h"
 #include "ravik.h"
+#include "support/fake_platform.h"
 
 namespace ravik::test {
 
@@ -93,6 +96,15 @@ int32_t record_events(int32_t event, void *payload, void *context)
 }
 
 end_of_session::~end_of_session() { free_device(); }
+
+void with_open_device(const std::function<void(fake_platform &)> &body)
+{
+    fake_platform fake;
+    in_session([&] {
+        ASSERT_EQ(device_open(), 0);
+        body(fake);
+    });
+}
 
 void in_session(const std::function<void()> &fn)
 {

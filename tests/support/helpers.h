@@ -52,6 +52,10 @@ struct end_of_session {
 // on_fresh_thread with the session ended before the thread ends.
 void in_session(const std::function<void()> &fn);
 
+// A session on a fresh thread with the device open on a fresh scripted line.
+class fake_platform;
+void with_open_device(const std::function<void(fake_platform &)> &body);
+
 // Subscribes to the thread's log for its lifetime; keeps each line without
 // its "[%7.3f] " stamp.
 class log_capture {
