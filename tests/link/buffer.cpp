@@ -18,23 +18,11 @@ namespace {
 
 int32_t code() { return get_error() & ERR_CODE_MASK; }
 
-// A session's device on the fake line, torn down at the end of the test.
-template <typename F> void with_device(F body)
-{
-    on_fresh_thread([&] {
-        device_set_name("fake");
-        ASSERT_EQ(device_open(), 0);
-        body();
-        free_device();
-    });
-}
-
 } // namespace
 
 TEST(TransferBuffer, SecondAcquireFailsAndTheFirstHoldStands)
 {
-    fake_platform fake;
-    with_device([] {
+    with_open_device([](fake_platform &) {
         ASSERT_EQ(__buffer_acquire(), 0);
         ASSERT_EQ(buffer_printf("first %d", 1), 7);
         int32_t r = __buffer_acquire();
@@ -53,8 +41,7 @@ TEST(TransferBuffer, SecondAcquireFailsAndTheFirstHoldStands)
 
 TEST(TransferBuffer, PrintNeedsAnAcquireAndRoomForTheNul)
 {
-    fake_platform fake;
-    with_device([] {
+    with_open_device([](fake_platform &) {
         EXPECT_EQ(buffer_printf("x"), 0);
         EXPECT_EQ(code(), ERR_GENERAL); // never acquired: limit 0
 
@@ -77,9 +64,8 @@ TEST(TransferBuffer, PrintNeedsAnAcquireAndRoomForTheNul)
 
 TEST(TransferBuffer, ReadsAppendUpToTheEndMark)
 {
-    fake_platform fake;
-    fake.push_all({"hello", "world and more"});
-    with_device([] {
+    with_open_device([](fake_platform &fake) {
+        fake.push_all({"hello", "world and more"});
         ASSERT_EQ(__buffer_acquire(), 0);
         EXPECT_EQ(buffer_read(8), 5);
         EXPECT_EQ(buffer_read(8), 3); // the mark is absolute: 3 bytes were missing
@@ -104,9 +90,8 @@ TEST(TransferBuffer, ReadsAppendUpToTheEndMark)
 
 TEST(TransferBuffer, ReadOfZeroFillsTheWholeBufferAndNoMore)
 {
-    fake_platform fake;
-    fake.push_bytes(std::string(3 * BUFFER_SIZE / 2, 'z'));
-    with_device([] {
+    with_open_device([](fake_platform &fake) {
+        fake.push_bytes(std::string(3 * BUFFER_SIZE / 2, 'z'));
         ASSERT_EQ(__buffer_acquire(), 0);
         ASSERT_EQ(buffer_printf("head"), 4);
         EXPECT_EQ(buffer_read(0), BUFFER_SIZE - 4);
@@ -120,9 +105,8 @@ TEST(TransferBuffer, ReadOfZeroFillsTheWholeBufferAndNoMore)
 
 TEST(TransferBuffer, ReadBeyondTheEndNeverMovesTheLimitPastTheBuffer)
 {
-    fake_platform fake;
-    fake.push_bytes(std::string(2 * BUFFER_SIZE, 'y'));
-    with_device([&] {
+    with_open_device([](fake_platform &fake) {
+        fake.push_bytes(std::string(2 * BUFFER_SIZE, 'y'));
         ASSERT_EQ(__buffer_acquire(), 0);
         for (int32_t wanted : {BUFFER_SIZE + 1, 2 * BUFFER_SIZE, INT32_MAX}) {
             int before = fake.read_calls;
@@ -140,14 +124,13 @@ TEST(TransferBuffer, ReadBeyondTheEndNeverMovesTheLimitPastTheBuffer)
         }
         EXPECT_EQ(buffer_read(0), BUFFER_SIZE);
         EXPECT_EQ(buffer_avail(), BUFFER_SIZE);
+        EXPECT_EQ(fake.written, "ppp");
     });
-    EXPECT_EQ(fake.written, "ppp");
 }
 
 TEST(TransferBuffer, WriteSendsTheFillOnce)
 {
-    fake_platform fake;
-    with_device([&] {
+    with_open_device([](fake_platform &fake) {
         ASSERT_EQ(__buffer_acquire(), 0);
         EXPECT_EQ(buffer_write(), 0);
         EXPECT_EQ(code(), ERR_GENERAL); // nothing to write
@@ -168,8 +151,8 @@ TEST(TransferBuffer, WriteSendsTheFillOnce)
         EXPECT_EQ(buffer_read(4), 0);
         EXPECT_EQ(buffer_write(), 0);
         EXPECT_EQ(code(), ERR_GENERAL);
+        EXPECT_EQ(fake.written, "<data/><da");
     });
-    EXPECT_EQ(fake.written, "<data/><da");
 }
 
 TEST(TransferBuffer, RegisteredAsAServiceAndFreedWithTheSession)
