@@ -158,7 +158,7 @@ TEST(TransferBuffer, WriteSendsTheFillOnce)
 TEST(TransferBuffer, RegisteredAsAServiceAndFreedWithTheSession)
 {
     fake_platform fake;
-    on_fresh_thread([] {
+    in_session([] {
         char *base = buffer_base();
         ASSERT_NE(base, nullptr);
         EXPECT_EQ(device_getp("api.buffer", nullptr), static_cast<void *>(base));
@@ -167,14 +167,13 @@ TEST(TransferBuffer, RegisteredAsAServiceAndFreedWithTheSession)
         free_device();
         EXPECT_LT(mem_outstanding(), before);
         EXPECT_EQ(device_getp("api.buffer", nullptr), nullptr);
-        free_device();
     });
 }
 
 TEST(TransferBuffer, NoMemoryLeavesNothingBehind)
 {
     fake_platform fake;
-    on_fresh_thread([] {
+    in_session([] {
         ASSERT_NE(get_device(), nullptr);
         int failures = 0;
         for (uint64_t n = 1; n < 20; n++) {
@@ -203,6 +202,5 @@ TEST(TransferBuffer, NoMemoryLeavesNothingBehind)
         // The block, the subscription, the property's tagline and its texts.
         EXPECT_GE(failures, 5);
         EXPECT_EQ(__buffer_acquire(), 0);
-        free_device();
     });
 }

@@ -19,7 +19,7 @@ using namespace ravik::test;
 
 TEST(DeviceProperties, TextKeysIgnoreCaseAndKeepTheirPlace)
 {
-    on_fresh_thread([] {
+    in_session([] {
         EXPECT_EQ(device_set("cpu.name", "abc"), 0);
         EXPECT_EQ(device_set("storage.type", "ufs"), 0);
         EXPECT_EQ(device_set("CPU.NAME", "def"), 0);
@@ -38,13 +38,12 @@ TEST(DeviceProperties, TextKeysIgnoreCaseAndKeepTheirPlace)
         EXPECT_EQ(device_unset("cpu.name"), 0);
         EXPECT_EQ(device_unset(nullptr), -1);
         EXPECT_STREQ(device_get("cpu.name", "gone"), "gone");
-        free_device();
     });
 }
 
 TEST(DeviceProperties, NumbersAndTheZeroRule)
 {
-    on_fresh_thread([] {
+    in_session([] {
         ASSERT_EQ(device_setu("fh.storage_inited", 0), 0);
         EXPECT_STREQ(device_get("fh.storage_inited", nullptr), "0");
         EXPECT_EQ(device_getu("fh.storage_inited", 7), 7u); // a stored 0 reads as the default
@@ -58,13 +57,12 @@ TEST(DeviceProperties, NumbersAndTheZeroRule)
         // Base detection: a value may be written in hex.
         ASSERT_EQ(device_set("cpu.id", "0x000A50E1"), 0);
         EXPECT_EQ(device_getu("cpu.id", 0), 0xA50E1u);
-        free_device();
     });
 }
 
 TEST(DeviceProperties, PointersRoundTripOnSixtyFourBitAddresses)
 {
-    on_fresh_thread([] {
+    in_session([] {
         int on_the_heap = 0;
         void *addrs[] = {&on_the_heap, reinterpret_cast<void *>(uintptr_t{0x7FFFABCD12345678}),
                          reinterpret_cast<void *>(uintptr_t{0xFFFFFFFF00000010})};
@@ -77,14 +75,13 @@ TEST(DeviceProperties, PointersRoundTripOnSixtyFourBitAddresses)
         }
         void *dflt = &on_the_heap;
         EXPECT_EQ(device_getp("api.none", dflt), dflt);
-        free_device();
     });
 }
 
 TEST(DeviceProperties, DumpListsEveryPropertyInStoreOrder)
 {
     temp_cwd cwd;
-    on_fresh_thread([] {
+    in_session([] {
         device_set_name("ttyTEST");
         device_setu("cpu.id", 0x1234);
         device_set("cpu.name", "abc");
@@ -103,13 +100,12 @@ TEST(DeviceProperties, DumpListsEveryPropertyInStoreOrder)
         EXPECT_EQ(device_get("cpu.name", nullptr), nullptr);
         EXPECT_EQ(device_getp("api.buffer", nullptr), nullptr);
         EXPECT_STREQ(device_get_name(), "ttyTEST");
-        free_device();
     });
 }
 
 TEST(DeviceProperties, NoStoreWithoutMemory)
 {
-    on_fresh_thread([] {
+    in_session([] {
         ASSERT_NE(get_device(), nullptr);
         free_device();
         // The next get_device makes a new store first: that allocation fails.
@@ -128,13 +124,12 @@ TEST(DeviceProperties, NoStoreWithoutMemory)
         // The object is whole again once memory is there.
         EXPECT_EQ(device_set("k", "v"), 0);
         EXPECT_STREQ(device_get("k", nullptr), "v");
-        free_device();
     });
 }
 
 TEST(DeviceProperties, CopyFailuresGiveNoMemoryAndChangeNothing)
 {
-    on_fresh_thread([] {
+    in_session([] {
         ASSERT_EQ(device_set("a", "1"), 0);
         int failures = 0;
         for (uint64_t n = 1; n < 20; n++) {
@@ -153,6 +148,5 @@ TEST(DeviceProperties, CopyFailuresGiveNoMemoryAndChangeNothing)
         }
         EXPECT_EQ(failures, 4);
         EXPECT_STREQ(device_get("b", nullptr), "2");
-        free_device();
     });
 }
