@@ -81,8 +81,8 @@ struct simg_stage {
 };
 // The checks of a store; writes nothing. Returns its code.
 int32_t simg_stage_begin(simg *h, uint64_t size, const char *name, simg_stage *st);
-// Writes the whole blocks of data below `upto` that are not yet written and
-// starts their writeback without waiting. Safe on another thread than the
+// Writes the whole blocks of data below `upto` that are not yet written, in
+// short pieces, and starts the writeback of each without waiting. Safe on another thread than the
 // rest of the stage, one at a time: it allocates nothing, logs nothing and
 // leaves the error slot alone. Returns 0 or ERR_IO (without a chain); a
 // failure also makes the end fail.
