@@ -82,10 +82,10 @@ struct simg_stage {
 // The checks of a store; writes nothing. Returns its code.
 int32_t simg_stage_begin(simg *h, uint64_t size, const char *name, simg_stage *st);
 // Writes the whole blocks of data below `upto` that are not yet written, in
-// short pieces, and starts the writeback of each without waiting. Safe on another thread than the
-// rest of the stage, one at a time: it allocates nothing, logs nothing and
-// leaves the error slot alone. Returns 0 or ERR_IO (without a chain); a
-// failure also makes the end fail.
+// short pieces, and starts the writeback of each without waiting. Safe on
+// another thread than the rest of the stage, one put at a time: it allocates
+// nothing, logs nothing and leaves the error slot alone. Returns 0 or ERR_IO
+// (without a chain); a failure also makes the end fail.
 int32_t simg_stage_put(simg_stage *st, const void *data, uint64_t upto);
 // Writes the rest and makes the entry visible; reports like simg_store. A
 // stage that never ends leaves no trace a reader sees.
