@@ -1,9 +1,11 @@
 // The backup list, the backup of the listed partitions into a container on
 // the host, and their restore after the flash. The target is reached only
 // through storage and through commands run as if they stood in a recipe.
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <unistd.h>
 
 #include "backup/bnr.h"
@@ -75,6 +77,101 @@ int32_t on_event(int32_t event, void *, void *context)
     return 0;
 }
 
+// A partition is stored while its dump still runs, by a thread of its own,
+// so that when the last byte arrives only the last piece, the tail and the
+// commit remain. The thread is woken for pieces of at least this much, which
+// makes a wake-up and a system call nothing beside the bytes; a quarter of
+// a small partition, so that it too is written beside its dump.
+constexpr uint64_t STAGE_STEP = 8ull << 20;
+
+// Shared by the session's thread, which learns from the dump what is final,
+// and the writer thread. The writer neither logs nor touches the error slot:
+// both are per thread and allocate.
+struct stage_writer {
+    simg_stage *st;
+    const uint8_t *data;
+    uint64_t size;
+    uint64_t step;
+    uint64_t told; // what was last handed over; the session's thread only
+    std::mutex lock;
+    std::condition_variable wake;
+    uint64_t final; // under lock
+    bool stop;      // under lock
+};
+
+void *write_stage(void *arg)
+{
+    auto *w = static_cast<stage_writer *>(arg);
+    uint64_t taken = 0;
+    for (;;) {
+        bool last;
+        {
+            std::unique_lock<std::mutex> hold(w->lock);
+            w->wake.wait(hold, [&] { return w->stop || w->final > taken; });
+            taken = w->final;
+            last = w->stop;
+        }
+        // What was handed over is written even after the stop: the end then
+        // finds less to do, and a failure shows whichever way the race went.
+        if (simg_stage_put(w->st, w->data, taken) != 0 || last)
+            return nullptr;
+    }
+}
+
+void on_dump(void *context, const uint8_t *buffer, uint64_t done)
+{
+    auto *w = static_cast<stage_writer *>(context);
+    uintptr_t from = (uintptr_t)buffer, base = (uintptr_t)w->data;
+    // Only bytes that continue the final ones from the buffer's start count.
+    if (from < base || from - base > w->told || done > w->size - (from - base))
+        return;
+    uint64_t end = from - base + done;
+    if (end < w->told + w->step && !(end == w->size && end > w->told))
+        return;
+    w->told = end;
+    {
+        std::lock_guard<std::mutex> hold(w->lock);
+        w->final = end;
+    }
+    w->wake.notify_one();
+}
+
+// The watch on the dump and the writer thread of one partition, both gone
+// on every road out. Without either, the whole store follows the dump.
+struct stage_guard {
+    stage_writer *w;
+    dump_watch watch;
+    bool watching;
+    bool running;
+    platform_thread thread;
+
+    void start()
+    {
+        watch = {on_dump, w};
+        watching = true;
+        if (device_setp(DUMP_WATCH, &watch) == 0)
+            running = platform_thread_start(&thread, write_stage, w);
+        if (!running)
+            finish();
+    }
+    void finish()
+    {
+        if (watching)
+            device_unset(DUMP_WATCH);
+        watching = false;
+        if (!running)
+            return;
+        {
+            std::lock_guard<std::mutex> hold(w->lock);
+            w->stop = true;
+        }
+        w->wake.notify_one();
+        platform_thread_join(&thread);
+        running = false;
+    }
+    ~stage_guard() { finish(); }
+};
+
 // The steps of a backup after the record is had; the caller keeps the code.
 int32_t run_backup(bnr *b, bool ignore_gpt)
 {
@@ -113,20 +210,31 @@ int32_t run_backup(bnr *b, bool ignore_gpt)
             RK_LOGE("...out of memory!\n");
             return ERR_NO_MEMORY;
         }
-        code = pt_seek(p, 0, 0);
-        if (code == 0 && pt_read(p, data.p, (uint32_t)size) != size)
-            code = get_error();
-        if (code != 0) {
-            RK_LOGE("...failed to read partition!\n");
-            return code;
-        }
         // Copied by hand: a print from one field of the entry into another
         // trips the overlap check of some builds.
         static_assert(sizeof(e.image_name) >= BNR_NAME_MAX + sizeof(".img"));
         size_t len = strnlen(e.name, sizeof(e.name) - 1);
         memcpy(e.image_name, e.name, len);
         memcpy(e.image_name + len, ".img", sizeof(".img"));
-        if (!simg_store(b->simg, data.p, size, e.image_name)) {
+        // A stage that cannot begin leaves the store to the end, which then
+        // fails as it always did.
+        simg_stage st;
+        bool staged = simg_stage_begin(b->simg, size, e.image_name, &st) == 0;
+        stage_writer w{&st, data.p, size, STAGE_STEP, 0, {}, {}, 0, false};
+        if (size / 4 < w.step)
+            w.step = size / 4;
+        stage_guard guard{&w, {}, false, false, {}};
+        code = pt_seek(p, 0, 0);
+        if (code == 0 && staged)
+            guard.start();
+        if (code == 0 && pt_read(p, data.p, (uint32_t)size) != size)
+            code = get_error();
+        guard.finish();
+        if (code != 0) {
+            RK_LOGE("...failed to read partition!\n");
+            return code;
+        }
+        if (!(staged ? simg_stage_end(&st, data.p) : simg_store(b->simg, data.p, size, e.image_name))) {
             RK_LOGE("...failed to save partition!\n");
             return get_error();
         }

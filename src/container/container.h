@@ -67,6 +67,29 @@ void simg_close(simg *h);
 // Writer, for handles from simg_open only. simg_store and simg_import report
 // through the error slot; the others return their code.
 simg_entry *simg_store(simg *h, const void *data, uint64_t size, const char *name);
+// A store in steps, for data that becomes final a piece at a time while it
+// is produced: begin, any number of puts, end. Between begin and end the
+// handle must not be changed, and the file reads as it did before begin.
+struct simg_stage {
+    simg *h;
+    int fd;            // the handle's, so that a put never reads the handle
+    uint64_t start;    // where the header goes: the old tail block
+    uint64_t size;
+    uint64_t written;  // bytes of data already in the file, whole blocks only
+    int32_t failed;    // a put's code, reported by the end
+    char name[SIMG_FILE_NAME_MAX + 1];
+};
+// The checks of a store; writes nothing. Returns its code.
+int32_t simg_stage_begin(simg *h, uint64_t size, const char *name, simg_stage *st);
+// Writes the whole blocks of data below `upto` that are not yet written, in
+// short pieces, and starts the writeback of each without waiting. Safe on
+// another thread than the rest of the stage, one put at a time: it allocates
+// nothing, logs nothing and leaves the error slot alone. Returns 0 or ERR_IO
+// (without a chain); a failure also makes the end fail.
+int32_t simg_stage_put(simg_stage *st, const void *data, uint64_t upto);
+// Writes the rest and makes the entry visible; reports like simg_store. A
+// stage that never ends leaves no trace a reader sees.
+simg_entry *simg_stage_end(simg_stage *st, const void *data);
 // Without a name, the path as given becomes the entry name.
 simg_entry *simg_import(simg *h, const char *path, const char *name);
 int32_t simg_delete(simg *h, const char *name);
@@ -85,6 +108,8 @@ struct simg_io_calls {
     long (*pwrite)(int fd, const void *buf, size_t n, uint64_t at);
     long (*write)(int fd, const void *buf, size_t n);
     int (*fdatasync)(int fd);
+    // Starts writing back a range without waiting for it.
+    int (*writeback)(int fd, uint64_t at, uint64_t n);
     int (*file_size)(int fd, uint64_t *size);
     void *(*map_file)(void *at, size_t len, int fd, uint64_t offset);
     void *(*map_anon)(size_t len);

@@ -21,6 +21,10 @@ long sys_pwrite(int fd, const void *buf, size_t n, uint64_t at)
 }
 long sys_write(int fd, const void *buf, size_t n) { return ::write(fd, buf, n); }
 int sys_fdatasync(int fd) { return ::fdatasync(fd); }
+int sys_writeback(int fd, uint64_t at, uint64_t n)
+{
+    return ::sync_file_range(fd, (off_t)at, (off_t)n, SYNC_FILE_RANGE_WRITE);
+}
 int sys_file_size(int fd, uint64_t *size)
 {
     struct stat st;
@@ -50,9 +54,9 @@ void *sys_map_anon(size_t len)
 }
 int sys_unmap(void *at, size_t len) { return ::munmap(at, len); }
 
-const simg_io_calls real_calls = {sys_open,     sys_close,      sys_pread,     sys_pwrite,
-                                  sys_write,    sys_fdatasync,  sys_file_size, sys_map_file,
-                                  sys_map_anon, sys_unmap};
+const simg_io_calls real_calls = {sys_open,     sys_close,     sys_pread,     sys_pwrite,
+                                  sys_write,    sys_fdatasync, sys_writeback, sys_file_size,
+                                  sys_map_file, sys_map_anon,  sys_unmap};
 simg_io_calls calls = real_calls;
 
 // pread and pwrite move at most this much in one call on Linux.

@@ -12,6 +12,7 @@
 #include "firehose/link.h"
 #include "link/device.h"
 #include "link/properties.h"
+#include "storage/storage.h"
 
 namespace ravik {
 
@@ -197,6 +198,7 @@ xtags *do_dump(tagline *tag)
     uint32_t total = sector * tagline_getu(tag, "num_partition_sectors", 0);
     auto *buffer = static_cast<uint8_t *>(tagline_getp(tag, "buffer", nullptr));
     uint32_t chunk = device_getu("fh.max_packet_sz", 0);
+    auto *watch = static_cast<const dump_watch *>(device_getp(DUMP_WATCH, nullptr));
     do {
         if (!sector || !total || !chunk || chunk % sector != 0 || !buffer) {
             code = ERR_BAD_PARAM;
@@ -228,6 +230,8 @@ xtags *do_dump(tagline *tag)
                 }
             }
             done += n;
+            if (code == 0 && watch)
+                watch->fn(watch->context, buffer, done);
         }
     } while (false);
     set_error(__add_context("do_dump", code));

@@ -71,4 +71,12 @@ void platform_tls_free(uint32_t index);
 void *platform_tls_get(uint32_t index);
 bool platform_tls_set(uint32_t index, void *value);
 
+// Threads beside a session's own, for work that must not hold it up. A
+// thread that started is joined exactly once.
+struct platform_thread {
+    unsigned long id;
+};
+bool platform_thread_start(platform_thread *t, void *(*fn)(void *), void *arg);
+void platform_thread_join(platform_thread *t);
+
 } // namespace ravik

@@ -323,4 +323,17 @@ bool platform_tls_set(uint32_t index, void *value)
     return pthread_setspecific((pthread_key_t)index, value) == 0;
 }
 
+static_assert(sizeof(pthread_t) <= sizeof(unsigned long));
+
+bool platform_thread_start(platform_thread *t, void *(*fn)(void *), void *arg)
+{
+    pthread_t id;
+    if (pthread_create(&id, nullptr, fn, arg) != 0)
+        return false;
+    t->id = (unsigned long)id;
+    return true;
+}
+
+void platform_thread_join(platform_thread *t) { pthread_join((pthread_t)t->id, nullptr); }
+
 } // namespace ravik

@@ -95,4 +95,14 @@ int32_t pt_erase(pt *p);
 uint32_t storage_read(int32_t lun, uint64_t pos, void *buf, uint32_t length);
 uint32_t storage_write(int32_t lun, uint64_t pos, const void *buf, uint32_t length);
 
+// For a reader that uses the bytes before its read ends: the dump calls it
+// after each chunk with the bytes [buffer, buffer + done) that are final.
+// Registered with device_setp under DUMP_WATCH; called on the session's
+// thread.
+struct dump_watch {
+    void (*fn)(void *context, const uint8_t *buffer, uint64_t done);
+    void *context;
+};
+constexpr const char *DUMP_WATCH = "fh.dump_watch";
+
 } // namespace ravik

@@ -180,6 +180,36 @@ TEST(BackupSim, FailedBackupKeepsWhatWasSaved)
               std::string::npos);
 }
 
+// The writes beside the dump fail: the backup ends as a failed store always
+// did, and the file holds what was saved before, whole, and nothing more.
+TEST(BackupSim, FailedWriteBesideTheDumpEndsTheBackupAsAStore)
+{
+    sim_session s;
+    s.o.lun_bytes = 16 << 20;
+    s.o.layout = "0 persist 64K bnr\n0 big 4M bnr\n0 rest *\n";
+    s.start();
+    std::string old = pattern(64 << 10, 21);
+    s.poke(0, find_part(s.lun(0), 4096, "persist").offset, old);
+    // Only pieces written beside a dump are written back early; those of big
+    // lie past 1 MiB in the file, the programmer's and persist's before it.
+    simg_io().writeback = [](int, uint64_t at, uint64_t n) { return at + n > (1u << 20) ? -1 : 0; };
+    s.flash({{"run.xml", "<backup commit=\"1\"/>\n<restore why=\"x\"/>\n"}}, "ignore_errors=\"true\"",
+            DEVICE_FLAG_BNR);
+    simg_io_reset();
+    ASSERT_EQ(s.code, 0) << s.text;
+    EXPECT_EQ(s.count("Backing up big\n"), 1u);
+    EXPECT_EQ(s.count("...failed to read partition!\n"), 0u);
+    EXPECT_EQ(s.count("...failed to save partition!\n"), 1u);
+    auto files = backup_files("backup_0x1A2B3C4D_");
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(entry_names(files[0]), (std::vector<std::string>{"programmer.elf", "persist.img"}));
+    EXPECT_TRUE(entry_data(files[0], "persist.img") == old);
+    expect_kept_with_log(s, files[0]);
+    EXPECT_NE(read_file("ravik_log.txt")
+                  .find("  backup_error = \"do_backup()->bnr_backup()->simg_stage_end()->finish_stage()->IO error\",\n"),
+              std::string::npos);
+}
+
 TEST(BackupSim, RestoreThatNeverRan)
 {
     sim_session s;

@@ -66,6 +66,7 @@ io_hook::io_hook() : saved_(simg_io())
     self = this;
     simg_io().pwrite = s_pwrite;
     simg_io().fdatasync = s_fdatasync;
+    simg_io().writeback = s_writeback;
     simg_io().map_file = s_map_file;
     simg_io().map_anon = s_map_anon;
     simg_io().file_size = s_file_size;
@@ -100,6 +101,17 @@ int io_hook::s_fdatasync(int fd)
         return -1;
     }
     return self->saved_.fdatasync(fd);
+}
+
+int io_hook::s_writeback(int fd, uint64_t at, uint64_t n)
+{
+    long index = (long)self->writes.size();
+    self->writes.push_back({WRITEBACK, {}});
+    if (index == self->fail_at) {
+        errno = EIO;
+        return -1;
+    }
+    return self->saved_.writeback(fd, at, n);
 }
 
 void *io_hook::s_map_file(void *at, size_t len, int fd, uint64_t offset)

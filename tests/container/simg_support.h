@@ -44,12 +44,13 @@ class io_hook {
     io_hook(const io_hook &) = delete;
     io_hook &operator=(const io_hook &) = delete;
 
+    static constexpr uint64_t SYNC = UINT64_MAX, WRITEBACK = UINT64_MAX - 1;
     struct write_rec {
-        uint64_t at; // UINT64_MAX for an fdatasync
+        uint64_t at; // or SYNC for an fdatasync, WRITEBACK for a writeback
         std::string bytes;
     };
-    std::vector<write_rec> writes; // pwrite and fdatasync calls, in order
-    // When >= 0: the pwrite or fdatasync of this index (0-based, counted in
+    std::vector<write_rec> writes; // pwrite, fdatasync and writeback calls, in order
+    // When >= 0: the call of this index (0-based, counted in
     // `writes`) fails; torn makes a failing pwrite put down half its bytes.
     long fail_at = -1;
     bool torn = false;
@@ -61,6 +62,7 @@ class io_hook {
     static io_hook *self;
     static long s_pwrite(int fd, const void *buf, size_t n, uint64_t at);
     static int s_fdatasync(int fd);
+    static int s_writeback(int fd, uint64_t at, uint64_t n);
     static void *s_map_file(void *at, size_t len, int fd, uint64_t offset);
     static void *s_map_anon(size_t len);
     static int s_file_size(int fd, uint64_t *size);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 #include "container/container.h"
@@ -176,6 +177,36 @@ TEST(SimgWriter, DeleteMovesLaterEntriesDown)
     ASSERT_NE(h, nullptr);
     EXPECT_EQ(h->num_entries, 0);
     EXPECT_EQ(h->end_offset, 512u);
+    simg_close(h);
+}
+
+// Data written while it still arrives: pieces ending anywhere, put from a
+// thread of their own without allocating, land as one whole store puts them,
+// and until the end commits the file reads as it did.
+TEST(SimgWriter, StagedStoreFromAnotherThreadMatchesWholeStore)
+{
+    temp_cwd cwd;
+    std::string first = pattern(5000, 1), data = pattern(9 * 4096 + 123, 2);
+    simg *h = fresh("a.img");
+    ASSERT_NE(simg_store(h, first.data(), first.size(), "first"), nullptr);
+    std::string before = read_file("a.img");
+    simg_stage st;
+    EXPECT_EQ(low(simg_stage_begin(h, data.size(), "first", &st)), ERR_EXISTS);
+    ASSERT_EQ(simg_stage_begin(h, data.size(), "second", &st), 0);
+    std::thread([&] {
+        uint64_t allocations = mem_alloc_count();
+        for (uint64_t upto : {(uint64_t)1, (uint64_t)4096, (uint64_t)3 * 4096 + 7, (uint64_t)data.size()})
+            EXPECT_EQ(simg_stage_put(&st, data.data(), upto), 0) << upto;
+        EXPECT_EQ(mem_alloc_count(), allocations);
+    }).join();
+    EXPECT_EQ(st.written, 9u * 4096);
+    EXPECT_EQ(read_file("a.img").substr(0, before.size()), before);
+    simg *r = simg_open("a.img", 0);
+    EXPECT_EQ(table_of(r), table_of(h));
+    simg_close(r);
+    ASSERT_NE(simg_stage_end(&st, data.data()), nullptr);
+    EXPECT_TRUE(read_file("a.img") == simg_bytes({{"first", first}, {"second", data}}));
+    EXPECT_TRUE(loaded(h, "second") == data);
     simg_close(h);
 }
 
