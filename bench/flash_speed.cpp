@@ -477,7 +477,9 @@ void row(const char *name, double value, const char *unit, const char *against, 
 
 int main(int argc, char **argv)
 {
-    // "program", "flash" or "bnr": that session alone, for a profiler.
+    // "program", "flash" or "bnr": that session alone, for a profiler;
+    // "links": the plain references alone, to see the simulator against
+    // the pty.
     const char *only = argc > 1 ? argv[1] : nullptr;
     bool once = only != nullptr;
     char tmpl[] = "/tmp/ravik-perf-XXXXXX";
@@ -487,6 +489,15 @@ int main(int argc, char **argv)
     // Backup files land in the working directory.
     if (::chdir(scratch.c_str()) != 0)
         die("chdir");
+    if (only && std::strcmp(only, "links") == 0) {
+        for (int i = 0; i < ROUNDS; i++)
+            std::printf("pty %.1f, simulator %.1f; to host: pty %.1f, simulator's dump %.1f MB/s\n",
+                        plain_pty(true).mbs, plain_sim().mbs, plain_pty(false).mbs,
+                        plain_sim_dump());
+        std::error_code ec;
+        std::filesystem::remove_all(scratch, ec);
+        return 0;
+    }
     make_container(!once);
     static platform_ops ops = watched_ops();
     platform_install(&ops);
