@@ -155,6 +155,19 @@ void expect_kept_with_log(const sim_session &s, const std::string &file)
     EXPECT_NE(saved.find("Backup & Restore {\n"), std::string::npos);
 }
 
+// A backup that failed after persist was saved: the file keeps what was
+// stored before the failure, whole, and no documents; the log names the chain.
+void expect_only_persist_kept(sim_session &s, const std::string &old, const char *chain)
+{
+    auto files = backup_files("backup_0x1A2B3C4D_");
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(entry_names(files[0]), (std::vector<std::string>{"programmer.elf", "persist.img"}));
+    EXPECT_TRUE(entry_data(files[0], "persist.img") == old);
+    expect_kept_with_log(s, files[0]);
+    EXPECT_NE(read_file("ravik_log.txt").find(std::string("  backup_error = \"") + chain + "\",\n"),
+              std::string::npos);
+}
+
 TEST(BackupSim, FailedBackupKeepsWhatWasSaved)
 {
     sim_session s;
@@ -169,15 +182,8 @@ TEST(BackupSim, FailedBackupKeepsWhatWasSaved)
     EXPECT_EQ(s.count("Backing up huge\n"), 1u);
     EXPECT_EQ(s.count("...partition size out of range!\n"), 1u);
     EXPECT_EQ(s.count("...no backup, skipping!\n"), 1u);
-    auto files = backup_files("backup_0x1A2B3C4D_");
-    ASSERT_EQ(files.size(), 1u);
-    // Stored before the failure, whole; no documents after it.
-    EXPECT_EQ(entry_names(files[0]), (std::vector<std::string>{"programmer.elf", "persist.img"}));
-    EXPECT_TRUE(entry_data(files[0], "persist.img") == old);
-    expect_kept_with_log(s, files[0]);
     // The chain grows on the code's way out of the command.
-    EXPECT_NE(read_file("ravik_log.txt").find("  backup_error = \"do_backup()->bnr_backup()->out of room or range\",\n"),
-              std::string::npos);
+    expect_only_persist_kept(s, old, "do_backup()->bnr_backup()->out of room or range");
 }
 
 // The writes beside the dump fail: the backup ends as a failed store always
@@ -200,14 +206,7 @@ TEST(BackupSim, FailedWriteBesideTheDumpEndsTheBackupAsAStore)
     EXPECT_EQ(s.count("Backing up big\n"), 1u);
     EXPECT_EQ(s.count("...failed to read partition!\n"), 0u);
     EXPECT_EQ(s.count("...failed to save partition!\n"), 1u);
-    auto files = backup_files("backup_0x1A2B3C4D_");
-    ASSERT_EQ(files.size(), 1u);
-    EXPECT_EQ(entry_names(files[0]), (std::vector<std::string>{"programmer.elf", "persist.img"}));
-    EXPECT_TRUE(entry_data(files[0], "persist.img") == old);
-    expect_kept_with_log(s, files[0]);
-    EXPECT_NE(read_file("ravik_log.txt")
-                  .find("  backup_error = \"do_backup()->bnr_backup()->simg_stage_end()->finish_stage()->IO error\",\n"),
-              std::string::npos);
+    expect_only_persist_kept(s, old, "do_backup()->bnr_backup()->simg_stage_end()->finish_stage()->IO error");
 }
 
 TEST(BackupSim, RestoreThatNeverRan)
