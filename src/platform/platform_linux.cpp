@@ -203,6 +203,20 @@ int32_t polled_write(int32_t handle, const uint8_t *p, uint32_t count, int *err)
 // case one lands just before the write starts to wait.
 int32_t timed_write(int32_t handle, const uint8_t *p, uint32_t count, int *err)
 {
+    // Threads that leave signals to another thread often block them all;
+    // ours must reach this one while it writes, so it is let through until
+    // the timer is gone.
+    struct mask_guard {
+        sigset_t old;
+        explicit mask_guard(int sig)
+        {
+            sigset_t wake;
+            sigemptyset(&wake);
+            sigaddset(&wake, sig);
+            pthread_sigmask(SIG_UNBLOCK, &wake, &old);
+        }
+        ~mask_guard() { pthread_sigmask(SIG_SETMASK, &old, nullptr); }
+    } mask{calls.wake_signal()};
     struct sigevent ev = {};
     ev.sigev_notify = SIGEV_THREAD_ID;
     ev.sigev_signo = calls.wake_signal();

@@ -127,6 +127,20 @@ TEST_P(serial_write, GivesUpAfterTwoSeconds)
     t0 = std::chrono::steady_clock::now();
     EXPECT_LT(os.serial_write(h, big.data(), 1 << 16, &err), 1 << 16);
     EXPECT_GE(elapsed_since(t0), 1.9);
+    // So has a write from a thread that blocks every signal, and its mask is
+    // as it was afterwards.
+    std::thread([&] {
+        sigset_t all, after;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, nullptr);
+        auto t1 = std::chrono::steady_clock::now();
+        EXPECT_LT(os.serial_write(h, big.data(), 1 << 16, &err), 1 << 16);
+        double blocked_took = elapsed_since(t1);
+        EXPECT_GE(blocked_took, 1.9);
+        EXPECT_LT(blocked_took, 3.0);
+        pthread_sigmask(SIG_SETMASK, nullptr, &after);
+        EXPECT_EQ(sigismember(&after, SIGRTMAX), 1);
+    }).join();
     os.serial_close(h);
 }
 
