@@ -2,10 +2,6 @@
 // and secure targets.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <string>
-#include <vector>
-
 #include "backup/backup_files.h"
 #include "backup/bnr.h"
 #include "storage/script.h"
@@ -14,32 +10,15 @@
 using namespace ravik;
 using namespace ravik::test;
 
-namespace {
-
 constexpr uint64_t NEEDS_BNR = 1ull << 5;
 
-std::string pattern(size_t n, int seed)
-{
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; i++)
-        s[i] = (char)(i * 7 + seed);
-    return s;
-}
-
-// persist is 4 KiB at sector 64 of an eMMC LUN, then the given partition,
-// then one more marked partition that the backup must not reach.
-gpt_bytes layout_with(const gpt_part &bad)
-{
-    return make_gpt({{"persist", 64, 71, NEEDS_BNR}, bad, {"after", 200, 207, NEEDS_BNR}}, 512, 8ull << 20);
-}
-
-} // namespace
-
+// persist is 4 KiB at sector 64, then the bad partition, then one more marked
+// partition that the backup must not reach.
 TEST(BackupScripted, ZeroBytesOrTwoGibibytesEndTheBackup)
 {
-    const gpt_part bad[] = {{"empty", 72, 71, NEEDS_BNR}, {"huge", 300, 300 + (2ull << 30) / 512 - 1, NEEDS_BNR}};
-    for (const gpt_part &p : bad) {
-        SCOPED_TRACE(p.name);
+    for (const gpt_part &bad :
+         {gpt_part{"empty", 72, 71, NEEDS_BNR}, {"huge", 300, 300 + (4ull << 20) - 1, NEEDS_BNR}}) {
+        SCOPED_TRACE(bad.name);
         temp_cwd cwd;
         fake_platform fake;
         on_fresh_thread([&] {
@@ -47,13 +26,13 @@ TEST(BackupScripted, ZeroBytesOrTwoGibibytesEndTheBackup)
             bring_up(fake);
             device_set_flag(DEVICE_FLAG_BNR);
             log_capture c;
-            push_discovery(fake, 512, {{8ull << 20, layout_with(p)}});
-            std::string old = pattern(4096, 3);
+            push_discovery(fake, 512,
+                           {{8ull << 20, make_gpt({{"persist", 64, 71, NEEDS_BNR}, bad, {"after", 200, 207, NEEDS_BNR}},
+                                                  512, 8ull << 20)}});
             fake.push_bytes(raw_ack());
-            fake.push_bytes(old);
+            fake.push_bytes(pattern(4096, 3));
             firehose_do_fmt("backup commit=\"1\"");
-            int32_t code = get_error();
-            EXPECT_EQ(code & 0xFF, ERR_RANGE);
+            EXPECT_EQ(get_error() & 0xFF, ERR_RANGE);
             EXPECT_TRUE(c.has("...partition size out of range!\n"));
             bnr *b = bnr_find();
             ASSERT_NE(b, nullptr);
@@ -75,41 +54,44 @@ TEST(BackupScripted, ZeroBytesOrTwoGibibytesEndTheBackup)
     }
 }
 
+// The switch is process-wide and cannot be turned off, so the test runs in a
+// process of its own.
 TEST(BackupScripted, SecureTargetTurnsBackupOffUnlessForced)
 {
-    if (bnr_is_forced())
-        GTEST_SKIP() << "forced mode was turned on earlier in this process";
-    temp_cwd cwd;
-    fake_platform fake;
-    on_fresh_thread([&] {
-        end_of_session end;
-        device_set_flag(DEVICE_FLAG_BNR);
-        bring_up(fake, "1");
-        EXPECT_FALSE(device_has_flag(DEVICE_FLAG_BNR));
-        firehose_do_fmt("backup name=\"persist\" commit=\"1\"");
-        EXPECT_EQ(get_error(), 0);
-        firehose_do_fmt("restore why=\"x\"");
-        EXPECT_EQ(get_error(), 0);
-        EXPECT_EQ(bnr_find(), nullptr);
-        EXPECT_EQ(fake.written, "");
-    });
-    EXPECT_TRUE(backup_files().empty());
-
-    rk_enable_forced_bnr();
-    fake.clear_script();
-    on_fresh_thread([&] {
-        end_of_session end;
-        device_set_flag(DEVICE_FLAG_BNR);
-        bring_up(fake, "1");
-        EXPECT_TRUE(device_has_flag(DEVICE_FLAG_BNR));
-        push_discovery(fake, 512, {{8ull << 20, make_gpt({{"persist", 64, 71}}, 512, 8ull << 20)}});
-        fake.push_bytes(raw_ack());
-        fake.push_bytes(std::string(4096, 'p'));
-        firehose_do_fmt("backup name=\"persist\" commit=\"1\" ignore_gpt=\"true\"");
-        EXPECT_EQ(get_error(), 0);
-    });
-    auto files = backup_files();
-    ASSERT_EQ(files.size(), 1u);
-    EXPECT_EQ(entry_names(files[0]),
-              (std::vector<std::string>{"persist.img", "index.xml", "package.xml", "flashall.xml"}));
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            temp_cwd cwd;
+            fake_platform fake;
+            for (bool forced : {false, true}) {
+                if (forced)
+                    rk_enable_forced_bnr();
+                fake.clear_script();
+                on_fresh_thread([&] {
+                    end_of_session end;
+                    device_set_flag(DEVICE_FLAG_BNR);
+                    bring_up(fake, "1");
+                    EXPECT_EQ(device_has_flag(DEVICE_FLAG_BNR), forced);
+                    if (forced) {
+                        push_discovery(fake, 512, {{8ull << 20, make_gpt({{"persist", 64, 71}}, 512, 8ull << 20)}});
+                        fake.push_bytes(raw_ack());
+                        fake.push_bytes(std::string(4096, 'p'));
+                    }
+                    firehose_do_fmt("backup name=\"persist\" commit=\"1\"%s", forced ? " ignore_gpt=\"true\"" : "");
+                    EXPECT_EQ(get_error(), 0);
+                    if (forced)
+                        return;
+                    firehose_do_fmt("restore why=\"x\"");
+                    EXPECT_EQ(get_error(), 0);
+                    EXPECT_EQ(bnr_find(), nullptr);
+                    EXPECT_EQ(fake.written, "");
+                });
+                auto files = backup_files();
+                ASSERT_EQ(files.size(), (size_t)forced);
+            }
+            EXPECT_EQ(entry_names(backup_files()[0]),
+                      (std::vector<std::string>{"persist.img", "index.xml", "package.xml", "flashall.xml"}));
+            std::exit(testing::Test::HasFailure());
+        },
+        testing::ExitedWithCode(0), "");
 }

@@ -1,25 +1,17 @@
 // Packages, recipes and their commands against a scripted programmer.
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "backup/bnr.h"
-#include "firehose/engine.h"
 #include "firehose/link.h"
-#include "firehose/scripted_target.h"
-#include "support/helpers.h"
+#include "support/firehose.h"
 
 using namespace ravik;
 using namespace ravik::test;
 
 namespace {
-
-
-// Runs a package whose recipes are given, from a container in a temp dir.
-int32_t run_package(const std::string &package, const std::map<std::string, std::string> &files)
+// Runs a package from a container of these entries; its code.
+int32_t run_package(const std::string &package, std::map<std::string, std::string> entries)
 {
-    std::map<std::string, std::string> entries = files;
     entries["package.xml"] = package;
     test_container c("c.img", entries);
     firehose_set_input(c.handle);
@@ -31,14 +23,6 @@ int32_t run_package(const std::string &package, const std::map<std::string, std:
     firehose_set_input(nullptr);
     return code;
 }
-
-// One command of a recipe; its code.
-int32_t do_cmd(const std::string &cmd)
-{
-    firehose_do_fmt("%s", cmd.c_str());
-    return get_error();
-}
-
 // A command with buffer="0x..." of `p` appended; its code.
 int32_t to_buffer(const std::string &cmd, const void *p)
 {
@@ -47,198 +31,155 @@ int32_t to_buffer(const std::string &cmd, const void *p)
 }
 } // namespace
 
-TEST(RecipeEngine, FilteredPackagesAndRecipes)
+TEST(RecipeEngine, PackagesRecipesAndCommands)
 {
-    with_link([&](fake_platform &) {
-        log_capture c;
-        // Every recipe filtered out, and no recipe at all: the same end.
-        int32_t code = run_package("<recipe filename=\"r.xml\" compatible=\"storage.type:UFS\"/>",
-                                   {{"r.xml", "<print what=\"x\"/>"}});
-        EXPECT_EQ(code & 0xFF, ERR_NOT_FOUND);
-        EXPECT_TRUE(c.has("No compatible recipe found!\n"));
-        EXPECT_EQ(run_package("<programmer filename=\"p\"/>", {}) & 0xFF, ERR_NOT_FOUND);
-
-        // ignore_errors does not soften a recipe with nothing for this target.
-        c.lines.clear();
-        code = run_package("<recipe filename=\"r.xml\" ignore_errors=\"true\"/>",
-                           {{"r.xml", "<print what=\"x\" compatible=\"storage.type:UFS\"/><restore/>"}});
-        EXPECT_EQ(code & 0xFF, ERR_NOT_FOUND);
-        EXPECT_TRUE(c.has("No compatible command found!\n"));
-        EXPECT_FALSE(c.has("x\n"));
-
+    const std::string R = "<recipe filename=\"r.xml\"/>", frob = "frobnicate level=\"9\"";
+    // No package: the recipe is one command. "!" before a log: not there.
+    struct { std::string package, recipe; std::vector<std::string> answers, sent, logs; int code, slept = -1; }
+    rows[] = {
+        // Every recipe filtered out, no recipe at all, or none for this target even with ignore_errors.
+        {"<recipe filename=\"r.xml\" compatible=\"storage.type:UFS\"/>", "<print what=\"x\"/>", {}, {},
+         {"No compatible recipe found!\n"}, ERR_NOT_FOUND},
+        {"<programmer filename=\"p\"/>", "", {}, {}, {}, ERR_NOT_FOUND},
+        {"<recipe filename=\"r.xml\" ignore_errors=\"true\"/>",
+         "<print what=\"x\" compatible=\"storage.type:UFS\"/><restore/>",
+         {}, {}, {"No compatible command found!\n", "!x\n"}, ERR_NOT_FOUND},
         // Recipe files are named exactly; a missing one ends the package.
-        c.lines.clear();
-        EXPECT_EQ(run_package("<recipe filename=\"R.xml\"/>", {{"r.xml", "<print what=\"x\"/>"}}) & 0xFF,
-                  ERR_LOAD_ENTRY);
-        EXPECT_TRUE(c.has("Error loading R.xml\n"));
-        EXPECT_EQ(run_package("<recipe filename=\"\"/>", {}) & 0xFF, ERR_GENERAL);
-    });
-}
-
-TEST(RecipeEngine, FailuresAndIgnoreErrors)
-{
-    with_link([&](fake_platform &fake) {
-        log_capture c;
+        {"<recipe filename=\"R.xml\"/>", "<print what=\"x\"/>", {}, {}, {"Error loading R.xml\n"}, ERR_LOAD_ENTRY},
+        {"<recipe filename=\"\"/>", "", {}, {}, {}, ERR_GENERAL},
         // An unknown tag goes to the target as it stands; its NAK fails.
-        fake.written.clear();
-        fake.push_bytes(nak());
-        int32_t code = run_package("<recipe filename=\"r.xml\"/>",
-                                   {{"r.xml", "<frobnicate level=\"9\"  mode=\"x\"/><print what=\"after\"/>"}});
-        EXPECT_EQ(code & 0xFF, ERR_NAK);
-        EXPECT_EQ(commands(fake.written), (std::vector<std::string>{"frobnicate level=\"9\"  mode=\"x\""}));
-        EXPECT_FALSE(c.has("after\n"));
-
-        // With ignore_errors the walk goes on, two lines a failure.
-        c.lines.clear();
-        fake.push_bytes(nak());
-        code = run_package("<recipe filename=\"r.xml\" ignore_errors=\"TRUE\"/>",
-                           {{"r.xml", "<frobnicate level=\"9\"/><SLEEP ms=\"10\"/><print what=\"after\"/>"}});
-        EXPECT_EQ(code, 0);
-        EXPECT_TRUE(c.has("frobnicate level=\"9\": Error: fh_send()->send_command()->read_response()->NAK\n") ||
-                    c.has("frobnicate level=\"9\": Error: NAK\n"));
-        EXPECT_TRUE(c.has("Continuing\n"));
-        EXPECT_TRUE(c.has("Sleeping for 10 ms - \n"));
-        EXPECT_TRUE(c.has("after\n"));
-
-        // "1" is not true.
-        fake.push_bytes(nak());
-        EXPECT_EQ(run_package("<recipe filename=\"r.xml\" ignore_errors=\"1\"/>",
-                              {{"r.xml", "<frobnicate level=\"9\"/>"}}) & 0xFF,
-                  ERR_NAK);
-
-        // Silence is a failure of the command.
-        EXPECT_EQ(run_package("<recipe filename=\"r.xml\"/>", {{"r.xml", "<frobnicate level=\"9\"/>"}}) & 0xFF,
-                  ERR_NO_RESPONSE);
-    });
-}
-
-TEST(RecipeEngine, OneLineCommands)
-{
+        {R, "<" + frob + "  mode=\"x\"/><print what=\"after\"/>", {nak()}, {frob + "  mode=\"x\""}, {"!after\n"},
+         ERR_NAK},
+        // With ignore_errors the walk goes on, two lines a failure; "1" is not true.
+        {"<recipe filename=\"r.xml\" ignore_errors=\"TRUE\"/>",
+         "<" + frob + "/><SLEEP ms=\"10\"/><print what=\"after\"/>",
+         {nak()}, {frob}, {frob + ": Error: NAK\n", "Continuing\n", "Sleeping for 10 ms - \n", "after\n"}, 0, 10},
+        {"<recipe filename=\"r.xml\" ignore_errors=\"1\"/>", "<" + frob + "/>", {nak()}, {frob}, {}, ERR_NAK},
+        {R, "<" + frob + "/>", {}, {frob}, {}, ERR_NO_RESPONSE}, // silence fails the command
+        {"", "print what=\"hello\"", {}, {}, {"hello\n"}, 0},
+        {"", "restore", {}, {}, {}, ERR_NOT_FOUND},
+        {"", "sleep ms=\"0\"", {}, {}, {}, ERR_MISSING_PARAM},
+        {"", "sleep ms=\"0x10\" why=\"w\"", {}, {}, {"Sleeping for 16 ms - w\n"}, 0, 16},
+        {"", "power value=\"RESET\"", {ack()}, {"power value=\"RESET\""}, {"Rebooting\n"}, 0},
+        {"", "power value=\"sleep\"", {ack()}, {"power value=\"sleep\""}, {"unknown reboot type: sleep\n"}, 0},
+        {"", "power value=\"reset_to_fastboot\"", {ack()}, {"power value=\"reset_to_fastboot\""},
+         {"Rebooting to fastboot\n"}, 0},
+        {"", "power why=\"x\"", {}, {}, {}, ERR_MISSING_PARAM},
+        {"", "patch filename=\"gpt.bin\" what=\"x\"", {}, {}, {}, 0}, // only the disk is patched
+        {"", "patch filename=\"disk\" what=\"crc\" start_sector=\"5\"", {ack()},
+         {"patch filename=\"disk\" what=\"crc\" start_sector=\"5\""}, {"Patching disk -- crc\n"}, 0},
+        // Bad sector sizes and a missing label are refused before anything goes out.
+        {R, "<program SECTOR_SIZE_IN_BYTES=\"3000\" label=\"boot\" filename=\"boot.img\"/>", {}, {}, {}, ERR_BAD_PARAM},
+        {R, "<program SECTOR_SIZE_IN_BYTES=\"8192\" label=\"boot\" filename=\"boot.img\"/>", {}, {}, {}, ERR_BAD_PARAM},
+        {R, "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"\" filename=\"boot.img\"/>", {}, {}, {}, ERR_MISSING_PARAM},
+    };
     with_link([&](fake_platform &fake) {
+        for (auto &r : rows) {
+            log_capture c;
+            fake.written.clear();
+            fake.clear_script();
+            uint64_t slept = fake.slept_ms;
+            for (auto &a : r.answers)
+                fake.push_bytes(a);
+            int32_t code = r.package.empty() ? (firehose_do_fmt("%s", r.recipe.c_str()), get_error())
+                                             : run_package(r.package, {{"r.xml", r.recipe}, {"boot.img", "b"}});
+            EXPECT_EQ(code & 0xFF, r.code) << r.recipe;
+            EXPECT_EQ(commands(fake.written), r.sent) << r.recipe;
+            for (auto &l : r.logs)
+                EXPECT_EQ(c.has(l.substr(l[0] == '!')), l[0] != '!') << l;
+            EXPECT_TRUE(r.slept < 0 || fake.slept_ms - slept == (uint64_t)r.slept) << r.recipe;
+        }
+        // Any level but debug is taken, and hides what lies below it.
         log_capture c;
-        EXPECT_EQ(do_cmd("print what=\"hello\""), 0);
-        EXPECT_TRUE(c.has("hello\n"));
-        EXPECT_EQ(do_cmd("restore") & 0xFF, ERR_NOT_FOUND);
-        EXPECT_EQ(do_cmd("sleep ms=\"0\"") & 0xFF, ERR_MISSING_PARAM);
-        uint64_t slept = fake.slept_ms;
-        firehose_do_fmt("sleep ms=\"0x10\" why=\"w\"");
-        EXPECT_EQ(fake.slept_ms - slept, 16u);
-        EXPECT_TRUE(c.has("Sleeping for 16 ms - w\n"));
-
-        firehose_do_fmt("logger level=\"debug\"");
-        EXPECT_EQ(logger_get_level(), (uint32_t)LOG_INFO);
-        firehose_do_fmt("logger level=\"Error\"");
-        EXPECT_EQ(logger_get_level(), (uint32_t)LOG_ERROR);
-        c.lines.clear();
+        for (auto [level, want] : {std::pair{"debug", LOG_INFO}, {"Error", LOG_ERROR}}) {
+            firehose_do_fmt("logger level=\"%s\"", level);
+            EXPECT_EQ(logger_get_level(), (uint32_t)want);
+        }
         firehose_do_fmt("print what=\"hidden\"");
         EXPECT_FALSE(c.has("hidden\n"));
-        firehose_do_fmt("logger level=\"I\"");
-
-        fake.written.clear();
-        fake.push_bytes(ack());
-        EXPECT_EQ(do_cmd("power value=\"RESET\""), 0);
-        EXPECT_TRUE(c.has("Rebooting\n"));
-        fake.push_bytes(ack());
-        EXPECT_EQ(do_cmd("power value=\"sleep\""), 0);
-        EXPECT_TRUE(c.has("unknown reboot type: sleep\n"));
-        EXPECT_EQ(commands(fake.written), (std::vector<std::string>{"power value=\"RESET\"", "power value=\"sleep\""}));
-        EXPECT_EQ(do_cmd("power why=\"x\"") & 0xFF, ERR_MISSING_PARAM);
-
-        // patch of anything but the disk is passed over.
-        fake.written.clear();
-        EXPECT_EQ(do_cmd("patch filename=\"gpt.bin\" what=\"x\""), 0);
-        fake.push_bytes(ack());
-        EXPECT_EQ(do_cmd("patch filename=\"disk\" what=\"crc\" start_sector=\"5\""), 0);
-        EXPECT_TRUE(c.has("Patching disk -- crc\n"));
-        EXPECT_EQ(commands(fake.written).size(), 1u);
     });
 }
 
 TEST(TargetBringUp, QuestionsAndFallbacks)
 {
-    fake_platform fake;
-    in_session([&] {
-        log_capture c;
-        device_open();
-        device_set("cpu.name", "board");
-        device_set_flag(DEVICE_FLAG_BNR);
-        fake.push_all({ack(), ack("boot_device=\"UFS-and-a-long-name\""), ack("cpu.ver=\"0x10\""),
-                       ack("cpu.vername=\"v2\""), ack("secure=\"10\"")});
-        ASSERT_NE(get_firehose(), nullptr);
-        EXPECT_STREQ(device_get("storage.type", nullptr), "UFS-and-a-long-"); // 15 characters
-        EXPECT_EQ(device_getu("cpu.ver", 0), 16u);
-        EXPECT_STREQ(device_get("cpu.vername", nullptr), "v2");
-        EXPECT_TRUE(c.has("...board v2\n"));
-        EXPECT_TRUE(c.has("...secure = yes\n"));
-        EXPECT_TRUE(device_has_flag(DEVICE_FLAG_SECURE));
-        EXPECT_FALSE(device_has_flag(DEVICE_FLAG_BNR));
-        EXPECT_EQ(commands(fake.written),
-                  (std::vector<std::string>{"nop value=\"Hello\"", "getvar value=\"boot_device\"",
-                                            "getvar value=\"cpu.ver\"", "getvar value=\"cpu.vername\"",
-                                            "getvar value=\"secure\""}));
-    });
-    in_session([&] {
-        log_capture c;
-        fake.clear_script();
-        device_open();
-        device_set_flag(DEVICE_FLAG_BNR);
-        fake.push_all({ack(), nak() /* boot_device */, ack("cpu.ver=\"abc\""), ack("cpu.vername=\"v3\""),
-                       ack("secure=\"no\"")});
-        ASSERT_NE(get_firehose(), nullptr);
-        EXPECT_STREQ(device_get("storage.type", nullptr), "eMMC");
-        EXPECT_STREQ(device_get("cpu.vername", nullptr), "unknown");
-        EXPECT_TRUE(c.has("...target does support 'getvar boot_device'\n"));
-        EXPECT_TRUE(c.has("Could not determine storage type. Assuming eMMC...\n"));
-        EXPECT_FALSE(device_has_flag(DEVICE_FLAG_SECURE));
-        EXPECT_TRUE(device_has_flag(DEVICE_FLAG_BNR));
-    });
-    // Forced backup keeps the flag on a secure target.
-    rk_enable_forced_bnr();
-    in_session([&] {
-        fake.clear_script();
-        device_set_flag(DEVICE_FLAG_BNR);
-        bring_up(fake, "true");
-        ASSERT_NE(get_firehose(), nullptr);
-        EXPECT_TRUE(device_has_flag(DEVICE_FLAG_SECURE));
-        EXPECT_TRUE(device_has_flag(DEVICE_FLAG_BNR));
-    });
+    struct { bool forced; std::vector<std::string> answers; const char *type, *vername; uint32_t ver; bool secure, bnr;
+             std::vector<std::string> logs; } rows[] = {
+        {false, {ack(), ack("boot_device=\"UFS-and-a-long-name\""), ack("cpu.ver=\"0x10\""), ack("cpu.vername=\"v2\""),
+                 ack("secure=\"10\"")},
+         "UFS-and-a-long-", "v2", 16, true, false, {"...board v2\n", "...secure = yes\n"}},
+        {false, {ack(), nak(), ack("cpu.ver=\"abc\""), ack("cpu.vername=\"v3\""), ack("secure=\"no\"")},
+         "eMMC", "unknown", 0, false, true,
+         {"...target does support 'getvar boot_device'\n", "Could not determine storage type. Assuming eMMC...\n"}},
+        // Forced backup keeps the flag on a secure target.
+        {true,
+         {ack(), ack("boot_device=\"eMMC\""), ack("cpu.ver=\"1\""), ack("cpu.vername=\"v1\""), ack("secure=\"true\"")},
+         "eMMC", "v1", 1, true, true, {}},
+    };
+    // The forced-backup switch cannot be turned off: a process of its own.
+    const std::string style = GTEST_FLAG_GET(death_test_style);
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            for (auto &r : rows) {
+                if (r.forced)
+                    rk_enable_forced_bnr();
+                fake_platform fake;
+                in_session([&] {
+                    log_capture c;
+                    device_open();
+                    device_set("cpu.name", "board");
+                    device_set_flag(DEVICE_FLAG_BNR);
+                    for (auto &a : r.answers)
+                        fake.push_bytes(a);
+                    ASSERT_NE(get_firehose(), nullptr);
+                    EXPECT_STREQ(device_get("storage.type", nullptr), r.type); // 15 characters at most
+                    EXPECT_STREQ(device_get("cpu.vername", nullptr), r.vername);
+                    EXPECT_EQ(device_getu("cpu.ver", 0), r.ver);
+                    EXPECT_EQ(device_has_flag(DEVICE_FLAG_SECURE), r.secure);
+                    EXPECT_EQ(device_has_flag(DEVICE_FLAG_BNR), r.bnr);
+                    for (auto &l : r.logs)
+                        EXPECT_TRUE(c.has(l)) << l;
+                    EXPECT_EQ(commands(fake.written),
+                              (std::vector<std::string>{"nop value=\"Hello\"", "getvar value=\"boot_device\"",
+                                                        "getvar value=\"cpu.ver\"", "getvar value=\"cpu.vername\"",
+                                                        "getvar value=\"secure\""}));
+                });
+            }
+            std::exit(testing::Test::HasFailure());
+        },
+        testing::ExitedWithCode(0), "");
+    GTEST_FLAG_SET(death_test_style, style);
 }
 
 TEST(TargetBringUp, ConfigureNegotiatesThePayload)
 {
     with_link([&](fake_platform &fake) {
-        fake.written.clear();
         log_capture c;
+        const std::string conf = "configure SkipStorageInit=\"0\" Verbose=\"0\" ZlpAwareHost=\"1\" MemoryName=\"eMMC\" "
+                                 "MaxPayloadSizeToTargetInBytes=";
         fake.push_all({nak("MaxPayloadSizeToTargetInBytes=\"65536\""),
                        ack("MaxPayloadSizeToTargetInBytesSupported=\"2097152\"")});
-        EXPECT_EQ(do_cmd("configure SkipStorageInit=\"0\""), 0);
-        EXPECT_EQ(commands(fake.written),
-                  (std::vector<std::string>{
-                      "configure SkipStorageInit=\"0\" Verbose=\"0\" ZlpAwareHost=\"1\" MemoryName=\"eMMC\" "
-                      "MaxPayloadSizeToTargetInBytes=\"1048576\"",
-                      "configure SkipStorageInit=\"0\" Verbose=\"0\" ZlpAwareHost=\"1\" MemoryName=\"eMMC\" "
-                      "MaxPayloadSizeToTargetInBytes=\"65536\""}));
+        EXPECT_EQ((firehose_do_fmt("configure SkipStorageInit=\"0\""), get_error()), 0);
+        EXPECT_EQ(commands(fake.written), (std::vector<std::string>{conf + "\"1048576\"", conf + "\"65536\""}));
         EXPECT_EQ(device_getu("fh.max_packet_sz", 0), 65536u);
         EXPECT_EQ(device_getu("fh.storage_inited", 0), 1u);
         EXPECT_FALSE(c.has("Target NAK!\n"));
         EXPECT_TRUE(c.has("Performance could be improved as target supports a larger payload size (2097152 "
                           "bytes) then what the host could support (65536 bytes)\n"));
-
         // Storage is set up: a second configure goes nowhere and counts as done.
         fake.written.clear();
-        EXPECT_EQ(do_cmd("configure SkipStorageInit=\"0\""), 0);
+        EXPECT_EQ((firehose_do_fmt("configure SkipStorageInit=\"0\""), get_error()), 0);
         EXPECT_TRUE(fake.written.empty());
         // A NAK without a proposal, and a second NAK.
         device_unset("fh.storage_inited");
         fake.push_bytes(nak());
-        EXPECT_EQ(do_cmd("configure SkipStorageInit=\"1\"") & 0xFF, ERR_BAD_RESPONSE);
+        EXPECT_EQ((firehose_do_fmt("configure SkipStorageInit=\"1\""), get_error()) & 0xFF, ERR_BAD_RESPONSE);
         fake.push_all({nak("MaxPayloadSizeToTargetInBytes=\"9999999\""), nak()});
         fake.written.clear();
-        EXPECT_EQ(do_cmd("configure SkipStorageInit=\"1\"") & 0xFF, ERR_NAK);
+        EXPECT_EQ((firehose_do_fmt("configure SkipStorageInit=\"1\""), get_error()) & 0xFF, ERR_NAK);
         // The stored size wins; the cap holds on the second offer.
-        ASSERT_EQ(commands(fake.written).size(), 2u);
-        EXPECT_NE(commands(fake.written)[0].find("MaxPayloadSizeToTargetInBytes=\"65536\""), std::string::npos);
-        EXPECT_NE(commands(fake.written)[1].find("MaxPayloadSizeToTargetInBytes=\"1048576\""), std::string::npos);
+        EXPECT_EQ(attr_of(fake.written, "configure", "MaxPayloadSizeToTargetInBytes"),
+                  (std::vector<std::string>{"65536", "1048576"}));
         EXPECT_EQ(device_getu("fh.max_packet_sz", 0), 65536u);
     });
 }
@@ -247,39 +188,23 @@ TEST(ImageTransfer, ProgramSendsTheEntryPaddedToSectors)
 {
     with_link([&](fake_platform &fake) {
         device_setu("fh.max_packet_sz", 512);
-        std::string image(1000, 'i');
-        fake.written.clear();
-        fake.push_all({raw_ack(), ack()});
-        int32_t code = run_package("<recipe filename=\"r.xml\"/>",
-                                   {{"boot.img", image},
-                                    {"r.xml", "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" filename=\"boot.img\" "
-                                              "physical_partition_number=\"0\" start_sector=\"34\" num_partition_sectors=\"9\"/>"
-                                              "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"x\" filename=\"none.img\"/>"
-                                              "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"y\" filename=\"\"/>"}});
-        EXPECT_EQ(code, 0);
-        std::string head = "<?xml version=\"1.0\"?><data><program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" "
-                           "filename=\"boot.img\" physical_partition_number=\"0\" start_sector=\"34\" "
-                           "num_partition_sectors=\"2\"/></data>";
-        ASSERT_EQ(fake.written.size(), head.size() + 1024);
-        EXPECT_EQ(fake.written.substr(0, head.size()), head);
-        EXPECT_EQ(fake.written.substr(head.size(), 1000), image);
-        EXPECT_EQ(fake.written.substr(head.size() + 1000), std::string(24, '\0'));
-
-        // Bad sector sizes are refused before anything goes out.
-        fake.written.clear();
-        for (const char *size : {"3000", "8192"}) {
-            code = run_package("<recipe filename=\"r.xml\"/>",
-                               {{"boot.img", image},
-                                {"r.xml", std::string("<program SECTOR_SIZE_IN_BYTES=\"") + size +
-                                              "\" label=\"boot\" filename=\"boot.img\"/>"}});
-            EXPECT_EQ(code & 0xFF, ERR_BAD_PARAM);
+        for (size_t size : {1000u, 512u}) {
+            std::string image = pattern(size, 2);
+            fake.written.clear();
+            fake.push_all({raw_ack(), ack()});
+            EXPECT_EQ(run_package("<recipe filename=\"r.xml\"/>",
+                                  {{"boot.img", image},
+                                   {"r.xml", "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" "
+                                             "filename=\"boot.img\" physical_partition_number=\"0\" "
+                                             "start_sector=\"34\" num_partition_sectors=\"9\"/>"
+                                             "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"x\" filename=\"none.img\"/>"
+                                             "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"y\" filename=\"\"/>"}}),
+                      0);
+            EXPECT_EQ(fake.written, "<?xml version=\"1.0\"?><data><program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" "
+                                    "filename=\"boot.img\" physical_partition_number=\"0\" start_sector=\"34\" "
+                                    "num_partition_sectors=\"" + std::to_string((size + 511) / 512) + "\"/></data>" +
+                                        image + std::string(-size % 512, '\0'));
         }
-        EXPECT_EQ(run_package("<recipe filename=\"r.xml\"/>",
-                              {{"boot.img", image},
-                               {"r.xml", "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"\" filename=\"boot.img\"/>"}}) &
-                      0xFF,
-                  ERR_MISSING_PARAM);
-        EXPECT_TRUE(fake.written.empty());
     });
 }
 
@@ -287,33 +212,31 @@ TEST(ImageTransfer, ProgramFromMemoryAndDumpBack)
 {
     with_link([&](fake_platform &fake) {
         device_setu("fh.max_packet_sz", 4096);
-        std::string data(10240, '\0');
-        for (size_t i = 0; i < data.size(); i++)
-            data[i] = (char)(i * 13);
-        fake.written.clear();
+        std::string data = pattern(10240, 3), back(10240, '\0');
         fake.push_all({raw_ack(), ack()});
         EXPECT_EQ(to_buffer("program SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"20\" load_from=\"BUFFER\"",
-                            data.data()),
-                  0);
+                            data.data()), 0);
         // Raw chunks go out as they are, 4096 + 4096 + 2048.
         EXPECT_EQ(fake.written.substr(fake.written.size() - 10240), data);
-
         // dump: an 8-byte request per chunk, the full size every time.
-        std::string back(10240, '\0');
         fake.written.clear();
         fake.push_all({raw_ack(), data.substr(0, 4096), data.substr(4096, 4096), data.substr(8192)});
         EXPECT_EQ(to_buffer("dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"20\" save_to=\"buffer\"",
-                            back.data()),
-                  0);
+                            back.data()), 0);
         EXPECT_EQ(back, data);
         std::string request("DATA\x00\x10\x00\x00", 8);
         EXPECT_EQ(fake.written.substr(fake.written.size() - 24), request + request + request);
-
-        // A chunk size that is no multiple of the sector size is refused.
-        device_setu("fh.max_packet_sz", 1000);
+        // A chunk of 16 MiB: every byte of the size has its place.
+        device_setu("fh.max_packet_sz", 0x1000000);
+        fake.written.clear();
+        fake.push_all({raw_ack(), data});
+        EXPECT_EQ(to_buffer("dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"20\" save_to=\"buffer\"",
+                            back.data()), 0);
+        EXPECT_EQ(fake.written.substr(fake.written.size() - 8), std::string("DATA\x00\x00\x00\x01", 8));
+        // A chunk size that is no multiple of the sector size is refused; a stalled target fails the dump.
         const std::string dump1 = "dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"1\"";
+        device_setu("fh.max_packet_sz", 1000);
         EXPECT_EQ(to_buffer(dump1, back.data()) & 0xFF, ERR_BAD_PARAM);
-        // A stalled target fails the dump.
         device_setu("fh.max_packet_sz", 512);
         fake.clear_script();
         fake.push_all({raw_ack(), std::string(100, 'x')});
@@ -321,13 +244,10 @@ TEST(ImageTransfer, ProgramFromMemoryAndDumpBack)
     });
 }
 
-TEST(ImageTransfer, ReadShrinksAndGrowsItsChunk)
+TEST(ImageTransfer, ReadShrinksGrowsAndOutlastsRefusals)
 {
     with_link([&](fake_platform &fake) {
-        std::string out(64 * 16, '\0');
-        std::string disk(64 * 16, '\0');
-        for (size_t i = 0; i < disk.size(); i++)
-            disk[i] = (char)(i * 7 + 1);
+        std::string out(64 * 16, '\0'), disk = pattern(64 * 16, 4);
         // First attempt: ACK, then only part of the data, and silence.
         fake.push_all({ack(), disk.substr(0, 100)});
         fake.push_idle(10); // one whole empty device read
@@ -337,44 +257,27 @@ TEST(ImageTransfer, ReadShrinksAndGrowsItsChunk)
             fake.push_all({ack(), disk.substr(at, count * 16), ack()});
             at += count * 16;
         }
-        fake.written.clear();
         log_capture c;
         EXPECT_EQ(to_buffer("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"100\" num_partition_sectors=\"64\"",
-                            out.data()),
-                  0);
+                            out.data()), 0);
         EXPECT_EQ(out, disk);
-        auto cmds = commands(fake.written);
-        ASSERT_EQ(cmds.size(), 4u);
-        EXPECT_NE(cmds[0].find("start_sector=\"100\" num_partition_sectors=\"64\""), std::string::npos);
-        EXPECT_NE(cmds[1].find("start_sector=\"100\" num_partition_sectors=\"16\""), std::string::npos);
-        EXPECT_NE(cmds[2].find("start_sector=\"116\" num_partition_sectors=\"32\""), std::string::npos);
-        EXPECT_NE(cmds[3].find("start_sector=\"148\" num_partition_sectors=\"16\""), std::string::npos);
+        EXPECT_EQ(attr_of(fake.written, "read", "start_sector"),
+                  (std::vector<std::string>{"100", "100", "116", "148"}));
+        EXPECT_EQ(attr_of(fake.written, "read", "num_partition_sectors"),
+                  (std::vector<std::string>{"64", "16", "32", "16"}));
         EXPECT_TRUE(c.has("...retry\n"));
-
         EXPECT_EQ(to_buffer("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"0\" num_partition_sectors=\"1\"",
-                            out.data()) & 0xFF,
-                  ERR_BAD_PARAM);
-    });
-}
+                            out.data()) & 0xFF, ERR_BAD_PARAM);
 
-TEST(ImageTransfer, ReadOutlastsSixteenRefusals)
-{
-    with_link([&](fake_platform &fake) {
-        std::string out(64, '\0');
-        std::string disk(64, 'd');
+        // The chunk stays whole through sixteen refusals; the seventeenth ends it.
+        const std::string read4 = "read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"8\" num_partition_sectors=\"4\"";
         for (int i = 0; i < 16; i++)
             fake.push_bytes(nak());
-        fake.push_all({ack(), disk, ack()});
+        fake.push_all({ack(), disk.substr(0, 64), ack()});
         fake.written.clear();
-        const std::string read4 = "read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"8\" num_partition_sectors=\"4\"";
         EXPECT_EQ(to_buffer(read4, out.data()), 0);
-        EXPECT_EQ(out, disk);
-        // The chunk stays whole through refusals of the command.
-        for (auto &cmd : commands(fake.written))
-            EXPECT_NE(cmd.find("num_partition_sectors=\"4\""), std::string::npos) << cmd;
-        EXPECT_EQ(commands(fake.written).size(), 17u);
-
-        // The seventeenth refusal in a row ends it with the refusal's code.
+        EXPECT_EQ(out.substr(0, 64), disk.substr(0, 64));
+        EXPECT_EQ(attr_of(fake.written, "read", "num_partition_sectors"), std::vector<std::string>(17, "4"));
         for (int i = 0; i < 17; i++)
             fake.push_bytes(nak());
         EXPECT_EQ(to_buffer(read4, out.data()) & 0xFF, ERR_NAK);

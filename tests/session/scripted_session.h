@@ -2,19 +2,14 @@
 // container, and everything a good target says to it, in order.
 #pragma once
 
-#include <cstdio>
-#include <map>
-#include <string>
-
-#include "container/container.h"
-#include "firehose/scripted_target.h"
 #include "sahara/target_script.h"
 #include "storage/script.h"
-#include "support/fake_platform.h"
 
 namespace ravik::test {
 
 inline const std::string PROGRAMMER(100, 'p');
+// The contents of the marked partition "persist" (sectors 64 to 71).
+inline const std::string PERSIST(4096, 's');
 
 // The recipe saves the marked partition, writes another one, and restores;
 // without DEVICE_FLAG_BNR the backup and restore pass over without a word.
@@ -30,37 +25,27 @@ inline void make_demo(const char *path)
                   "physical_partition_number=\"0\" start_sector=\"8\"/><restore why=\"flashed\"/>"}});
 }
 
-// The contents of the marked partition "persist" (sectors 64 to 71).
-inline const std::string PERSIST(4096, 's');
-
 // Everything a good target says in one session, in order; without the
 // programmer, only what its boot ROM says. With bnr, the storage discovery,
 // the backup's dump and the restore's erase and write are answered too.
 inline void script_target(fake_platform &fake, bool programmer = true, bool bnr = false)
 {
-    std::string sn;
-    le32(sn, 0x1234);
-    le32(sn, 0x0BEE);
-    fake.push_all({hello(0), command_ready(), exec_resp(1, 8), sn, hello(0),
+    fake.push_all({hello(0), command_ready(), exec_resp(1, 8), u32s({0x1234, 0x0BEE}), hello(0),
                    read_data(0, (uint32_t)PROGRAMMER.size()), end_image(0), done_resp(1)});
     if (!programmer)
         return;
-    fake.push_bytes(ack());                            // nop
-    fake.push_bytes(ack("cpu.ver=\"1\""));             // getvar cpu.ver
-    fake.push_bytes(ack("cpu.vername=\"v1\""));        // getvar cpu.vername
-    fake.push_bytes(ack("secure=\"0\""));              // getvar secure
-    if (bnr) {
-        push_discovery(fake, 512,                      // configure, storage facts, tables
-                       {{8ull << 20, make_gpt({{"persist", 64, 71, 1ull << 5}}, 512, 8ull << 20)}});
-        fake.push_all({raw_ack(), PERSIST, ack()});    // the backup's dump
+    // nop, getvar of cpu.ver, cpu.vername and secure
+    fake.push_all({ack(), ack("cpu.ver=\"1\""), ack("cpu.vername=\"v1\""), ack("secure=\"0\"")});
+    if (bnr) { // discovery, then the backup's dump
+        push_discovery(fake, 512, {{8ull << 20, make_gpt({{"persist", 64, 71, 1ull << 5}}, 512, 8ull << 20)}});
+        fake.push_all({raw_ack(), PERSIST, ack()});
     } else {
-        fake.push_bytes(ack());                        // configure
+        fake.push_bytes(ack()); // configure
     }
-    fake.push_bytes(raw_ack());                        // program
-    fake.push_bytes(ack());                            // its final answer
-    for (int i = 0; bnr && i < 2; i++)                 // the restore's erase and write
+    fake.push_all({raw_ack(), ack()}); // program
+    for (int i = 0; bnr && i < 2; i++) // the restore's erase and write
         fake.push_all({raw_ack(), ack()});
-    fake.push_bytes(ack());                            // power
+    fake.push_bytes(ack()); // power
 }
 
 } // namespace ravik::test

@@ -2,38 +2,27 @@
 // configure, getStorageInfo and the dumps of the partition tables.
 #pragma once
 
-#include <cstdio>
 #include <optional>
-#include <string>
-#include <vector>
 
-#include "firehose/scripted_target.h"
-#include "storage/gpt_check.h"
+#include "support/firehose.h"
+#include "support/gpt.h"
 
 namespace ravik::test {
 
-inline std::string fmt(const char *f, unsigned long long v)
-{
-    char b[128];
-    snprintf(b, sizeof b, f, v);
-    return b;
-}
-
-// The info lines of one LUN in one of the three wordings.
+// The info lines of one LUN, as most programmers word them (hexadecimal),
+// or in the second wording (decimal).
 inline std::vector<std::string> info_lines(int wording, uint32_t blksz, uint32_t luns, uint64_t sectors)
 {
-    switch (wording) {
-    case 1:
-        return {fmt("INFO: Device Total Logical Blocks: 0x%llx", sectors),
-                fmt("INFO: Device Block Size in Bytes: 0x%llx", blksz),
-                fmt("INFO: Device Total Physical Partitions: 0x%llx", luns)};
-    case 2:
-        return {fmt("SECTOR_SIZE_IN_BYTES=%llu", blksz), fmt("num_physical_partitions=%llu", luns),
-                fmt("num_partition_sectors=%llu", sectors)};
-    default:
-        return {fmt("Device Total Logical Blocks: 0x%llx", sectors), fmt("Device Block Size in Bytes: 0x%llx", blksz),
-                fmt("Device Total Physical Paritions: 0x%llx", luns)};
+    const char *f[2][3] = {{"Device Total Logical Blocks: 0x%llx", "Device Block Size in Bytes: 0x%llx",
+                            "Device Total Physical Paritions: 0x%llx"},
+                           {"num_partition_sectors=%llu", "SECTOR_SIZE_IN_BYTES=%llu", "num_physical_partitions=%llu"}};
+    std::vector<std::string> out;
+    for (auto [i, v] : {std::pair<int, uint64_t>{0, sectors}, {1, blksz}, {2, luns}}) {
+        char b[128];
+        snprintf(b, sizeof b, f[wording == 2][i], (unsigned long long)v);
+        out.push_back(b);
     }
+    return out;
 }
 
 struct lun_script {
@@ -49,36 +38,17 @@ inline void push_table(fake_platform &fake, const gpt_bytes &g)
 
 // A whole discovery; configure is answered only the first time.
 inline void push_discovery(fake_platform &fake, uint32_t blksz, const std::vector<lun_script> &luns,
-                           bool configure = true, int wording = 0)
+                           bool configure = true)
 {
     if (configure)
         fake.push_bytes(ack());
     for (auto &l : luns)
-        fake.push_bytes(answer("value=\"ACK\"", info_lines(wording, blksz, (uint32_t)luns.size(), l.sectors)));
+        fake.push_bytes(answer("value=\"ACK\"", info_lines(0, blksz, (uint32_t)luns.size(), l.sectors)));
     for (auto &l : luns) {
-        if (!l.gpt) {
-            fake.push_all({raw_ack(), std::string(blksz, '\0')});
-            break;
-        }
+        if (!l.gpt)
+            return fake.push_all({raw_ack(), std::string(blksz, '\0')});
         push_table(fake, *l.gpt);
     }
-}
-
-// Values of an attribute in the commands sent, in order, for commands that
-// begin with `name`.
-inline std::vector<std::string> attr_of(const std::string &wire, const std::string &name, const std::string &key)
-{
-    std::vector<std::string> out;
-    for (auto &c : commands(wire)) {
-        if (c.compare(0, name.size() + 1, name + " ") != 0)
-            continue;
-        size_t at = c.find(key + "=\"");
-        if (at == std::string::npos)
-            continue;
-        at += key.size() + 2;
-        out.push_back(c.substr(at, c.find('"', at) - at));
-    }
-    return out;
 }
 
 } // namespace ravik::test

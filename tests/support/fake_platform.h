@@ -2,7 +2,6 @@
 // at once, and a scripted serial line.
 #pragma once
 
-#include <cstdint>
 #include <deque>
 #include <functional>
 #include <initializer_list>
@@ -16,59 +15,42 @@ namespace ravik::test {
 
 class fake_platform {
   public:
-    // Installs itself for the whole process; the destructor puts back Linux.
-    fake_platform();
+    fake_platform(); // in force for the whole process until destroyed
     ~fake_platform();
-    fake_platform(const fake_platform &) = delete;
-    fake_platform &operator=(const fake_platform &) = delete;
 
-    // Script of the incoming side, consumed in order. With the script empty,
-    // a read is an idle second.
-    void push_bytes(const std::string &bytes);
+    // The incoming side, in order; with nothing left a read is an idle second.
+    void push_bytes(const std::string &bytes) { push({item::bytes, bytes, 0}); }
     void push_all(std::initializer_list<std::string> parts)
     {
         for (auto &p : parts)
             push_bytes(p);
     }
-    void push_idle(int reads = 1);
-    void push_read_error(int err);
+    void push_idle(int reads = 1)
+    {
+        for (int i = 0; i < reads; i++)
+            push({item::idle, {}, 0});
+    }
+    void push_read_error(int err) { push({item::error, {}, err}); }
     void clear_script();
 
     double clock = 1700000000.0;     // virtual wall clock, seconds
-    bool local_time_ok = true;
-    bool open_fails = false;
-    int32_t next_handle = 5;
-    int open_calls = 0;
-    int close_calls = 0;
-    int read_calls = 0;
+    bool local_time_ok = true, open_fails = false;
+    int open_calls = 0, close_calls = 0, read_calls = 0;
     std::string last_open_name;
-    std::string written;            // everything the host wrote
+    std::string written;             // everything the host wrote
     uint32_t write_cap = UINT32_MAX; // largest count one write takes
     std::deque<uint32_t> write_caps; // per-write caps, used first, one per write
-    int write_error = 0;            // errno for every write when non-zero
+    int write_error = 0;             // errno for every write when non-zero
     uint64_t slept_ms = 0;
-    // Sees every write as it was taken, outside the lock, so a far end can
-    // answer what the host actually asked for with push_bytes.
+    // Sees each write as taken, outside the lock: a far end may push_bytes.
     std::function<void(const std::string &)> on_write;
 
   private:
-    struct item {
-        enum { bytes, idle, error } kind;
-        std::string data;
-        int err;
-    };
+    struct item { enum { bytes, idle, error } kind; std::string data; int err; };
+    void push(item it);
     std::deque<item> script_;
     std::mutex mu_;
     platform_ops ops_;
-
-    static fake_platform *self;
-    static int32_t s_open(const char *name);
-    static void s_close(int32_t);
-    static int32_t s_read(int32_t, void *, uint32_t, int *);
-    static int32_t s_write(int32_t, const void *, uint32_t, int *);
-    static void s_sleep(uint32_t ms);
-    static double s_clock();
-    static bool s_local_time(struct tm *out);
 };
 
 } // namespace ravik::test

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "container/container.h"
@@ -12,6 +13,7 @@
 #include "firehose/engine.h"
 #include "link/device.h"
 #include "link/properties.h"
+#include "support/bytes.h"
 #include "support/fake_platform.h"
 #include "support/helpers.h"
 
@@ -24,18 +26,13 @@ inline std::string answer(const std::string &response_attrs, const std::vector<s
         s += "<log value=\"" + l + "\" />\n";
     return s + "<response " + response_attrs + " />\n</data>";
 }
-inline std::string ack(const std::string &extra = "")
+inline std::string reply(const std::string &value, const std::string &extra)
 {
-    return answer(extra.empty() ? "value=\"ACK\"" : "value=\"ACK\" " + extra);
+    return answer("value=\"" + value + "\"" + (extra.empty() ? "" : " " + extra));
 }
-inline std::string nak(const std::string &extra = "")
-{
-    return answer(extra.empty() ? "value=\"NAK\"" : "value=\"NAK\" " + extra);
-}
-inline const std::string raw_ack()
-{
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<response value=\"ACK\" rawmode=\"true\" />\n</data>";
-}
+inline std::string ack(const std::string &extra = "") { return reply("ACK", extra); }
+inline std::string nak(const std::string &extra = "") { return reply("NAK", extra); }
+inline std::string raw_ack() { return answer("value=\"ACK\" rawmode=\"true\""); }
 
 // The commands the host sent, split at each envelope; raw bytes between
 // them stay attached to the command before.
@@ -43,14 +40,25 @@ inline std::vector<std::string> commands(const std::string &wire)
 {
     std::vector<std::string> out;
     const std::string head = "<?xml version=\"1.0\"?><data><";
-    size_t at = wire.find(head);
-    while (at != std::string::npos) {
-        size_t end = wire.find("/></data>", at);
+    for (size_t at = wire.find(head), end; at != std::string::npos; at = wire.find(head, end)) {
+        end = wire.find("/></data>", at);
         out.push_back(wire.substr(at + head.size(), end - at - head.size()));
-        at = wire.find(head, end);
     }
     return out;
 }
+
+// Values of an attribute in the commands sent that begin with `name`, in order.
+inline std::vector<std::string> attr_of(const std::string &wire, const std::string &name, const std::string &key)
+{
+    std::vector<std::string> out;
+    for (auto &c : commands(wire))
+        if (size_t at = c.find(" " + key + "=\""); c.rfind(name + " ", 0) == 0 && at != std::string::npos)
+            out.push_back(c.substr(at + key.size() + 3, c.find('"', at + key.size() + 3) - at - key.size() - 3));
+    return out;
+}
+
+// A call's result with the code it left in the thread's error slot.
+template <typename T> std::tuple<T, int> and_code(T result) { return {result, get_error() & 0xFF}; }
 
 // Brings the link up with the storage type and chip version known, so only
 // the wake-up nop and the secure question go out.
@@ -88,13 +96,9 @@ inline void write_container(const std::string &path, const std::map<std::string,
 
 // A container file with the given entries, opened for reading.
 struct test_container {
-    std::string path;
-    simg *handle = nullptr;
-    test_container(const std::string &p, const std::map<std::string, std::string> &entries) : path(p)
-    {
-        write_container(path, entries);
-        handle = simg_open(path.c_str(), 0);
-    }
+    simg *handle;
+    test_container(const std::string &path, const std::map<std::string, std::string> &entries)
+        : handle((write_container(path, entries), simg_open(path.c_str(), 0))) {}
     ~test_container() { simg_close(handle); }
 };
 

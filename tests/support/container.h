@@ -4,12 +4,11 @@
 
 #include <cstdint>
 #include <optional>
-#include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "container/container.h"
+#include "support/bytes.h"
 
 namespace ravik::test {
 
@@ -23,50 +22,37 @@ std::string simg_block(const std::string &text);
 std::string simg_header(const std::string &name, uint64_t size);
 // Head, entries with their padding, tail (if asked for).
 std::string simg_bytes(const std::vector<raw_entry> &entries, bool tail = true);
-std::string pattern(size_t n, uint32_t seed);
-
-void write_file(const std::string &path, const std::string &bytes);
 
 struct listed {
     std::string name;
-    uint64_t size;
-    uint64_t offset;
+    uint64_t size, offset;
     bool operator==(const listed &) const = default;
 };
 std::vector<listed> table_of(const simg *h);
+// The first n bytes of a loaded entry (all of it by default), or for none
+// "#" and the low byte of the thread's error, as err() writes it.
+std::string got(const simg_entry *e, size_t n = SIZE_MAX);
+inline std::string err(int32_t code) { return "#" + std::to_string(code & 0xFF); }
+// "open", or err() of the failure; the handle is closed.
+std::string opened(simg *h);
 
-// Replaces calls of the container module for as long as it lives; the
-// original calls are put back on destruction.
-class io_hook {
-  public:
+// Replaces calls of the container module while it lives.
+struct io_hook {
     io_hook();
     ~io_hook();
     io_hook(const io_hook &) = delete;
-    io_hook &operator=(const io_hook &) = delete;
-
     static constexpr uint64_t SYNC = UINT64_MAX, WRITEBACK = UINT64_MAX - 1;
     struct write_rec {
         uint64_t at; // or SYNC for an fdatasync, WRITEBACK for a writeback
         std::string bytes;
     };
     std::vector<write_rec> writes; // pwrite, fdatasync and writeback calls, in order
-    // When >= 0: the call of this index (0-based, counted in
-    // `writes`) fails; torn makes a failing pwrite put down half its bytes.
+    // The call of this index in `writes` fails; torn: a failing pwrite puts down half its bytes.
     long fail_at = -1;
-    bool torn = false;
-    bool fail_map = false;
-    bool fail_anon = false;
-    bool fail_file_size = false;
-
-  private:
-    static io_hook *self;
-    static long s_pwrite(int fd, const void *buf, size_t n, uint64_t at);
-    static int s_fdatasync(int fd);
-    static int s_writeback(int fd, uint64_t at, uint64_t n);
-    static void *s_map_file(void *at, size_t len, int fd, uint64_t offset);
-    static void *s_map_anon(size_t len);
-    static int s_file_size(int fd, uint64_t *size);
-    simg_io_calls saved_;
+    bool torn = false, fail_map = false, fail_anon = false, fail_file_size = false;
+    bool lazy_map = false; // file mappings without reading every page in at once
+    bool record(uint64_t at, std::string bytes = {}); // true: this call fails
+    simg_io_calls saved;
 };
 
 } // namespace ravik::test

@@ -1,0 +1,369 @@
+// The command-line program run as built, in the current directory: ravik
+// simg and ravik flash against simulated targets.
+#include <gtest/gtest.h>
+
+#ifdef RAVIK_CLI_PATH
+
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <grp.h>
+#include <memory>
+#include <sstream>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "backup/backup_files.h"
+#include "support/container.h"
+#include "support/helpers.h"
+#include "support/pty.h"
+#ifdef RAVIK_HAVE_SIM
+#include "ravik.h"
+#include "sim.h"
+#include "support/firehose.h"
+#endif
+
+using namespace ravik;
+using namespace ravik::test;
+namespace fs = std::filesystem;
+
+namespace {
+
+struct cli_result {
+    int status;
+    std::string out, err;
+};
+
+// tty: stderr on a terminal; unprivileged: as nobody, when run by root.
+cli_result run_cli(std::vector<std::string> args, bool tty = false, bool unprivileged = false)
+{
+    args.insert(args.begin(), RAVIK_CLI_PATH);
+    std::vector<char *> argv;
+    for (auto &a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    std::unique_ptr<pty_pair> pty(tty ? new pty_pair : nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(open("cli.out", O_WRONLY | O_CREAT | O_TRUNC, 0666), 1);
+        dup2(pty ? open(pty->slave_path().c_str(), O_RDWR | O_NOCTTY)
+                 : open("cli.err", O_WRONLY | O_CREAT | O_TRUNC, 0666), 2);
+        if (unprivileged && geteuid() == 0 && (setgroups(0, nullptr) || setgid(65534) || setuid(65534)))
+            _exit(126);
+        execv(RAVIK_CLI_PATH, argv.data());
+        _exit(127);
+    }
+    // A terminal is drained while the program runs, so it never blocks on it.
+    std::string tty_text;
+    int st = 0;
+    do
+        tty_text += pty ? pty->read_master(1 << 20, 50) : "";
+    while (waitpid(pid, &st, pty ? WNOHANG : 0) != pid);
+    tty_text += pty ? pty->read_master(1 << 20, 50) : "";
+    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, read_file("cli.out"), pty ? tty_text : read_file("cli.err")};
+}
+
+std::vector<std::string> lines_of(const std::string &text)
+{
+    std::vector<std::string> v;
+    std::istringstream in(text);
+    for (std::string l; std::getline(in, l);)
+        v.push_back(l);
+    return v;
+}
+
+bool starts(const std::string &s, const std::string &p) { return s.rfind(p, 0) == 0; }
+
+// A failure: the status, one line on stderr that names the program and says
+// `has`, nothing on stdout.
+void expect_failure(const std::vector<std::string> &args, int status, const std::string &has)
+{
+    cli_result r = run_cli(args);
+    EXPECT_TRUE(r.status == status && r.out.empty() && starts(r.err, "ravik: ") && lines_of(r.err).size() == 1 &&
+                r.err.find(has) != std::string::npos)
+        << args.back() << ": " << r.status << " " << r.err;
+}
+
+} // namespace
+
+TEST(SimgCli, PackListUnpackRoundTrip)
+{
+    temp_cwd cwd;
+    fs::create_directories("src/sub/deeper");
+    write_file("src/b.txt", "bee\n");
+    write_file("src/A.bin", pattern(5000, 1));
+    write_file("src/sub/deeper/c", pattern(9000, 2));
+    write_file("src/sub/a", "x");
+    fs::create_symlink("/etc/hostname", "src/link");
+    cli_result r = run_cli({"simg", "pack", "src", "out.img"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.err.find("skipping src/link"), std::string::npos) << r.err;
+    EXPECT_EQ(run_cli({"simg", "list", "out.img"}).out, "        SIZE       OFFSET  NAME\n"
+                                                        "        5000          512  A.bin\n"
+                                                        "           4         8960  b.txt\n"
+                                                        "           1        13312  sub/a\n"
+                                                        "        9000        17664  sub/deeper/c\n");
+    ASSERT_EQ(run_cli({"simg", "unpack", "out.img", "dest"}).status, 0);
+    for (const char *f : {"b.txt", "A.bin", "sub/deeper/c", "sub/a"})
+        EXPECT_EQ(read_file(std::string("dest/") + f), read_file(std::string("src/") + f)) << f;
+    EXPECT_FALSE(fs::exists("dest/link"));
+    ASSERT_EQ(run_cli({"simg", "add", "out.img", "src/b.txt", "--name", "renamed"}).status, 0);
+    ASSERT_EQ(run_cli({"simg", "extract", "out.img", "renamed", "-o", "got"}).status, 0);
+    EXPECT_EQ(read_file("got"), "bee\n");
+    r = run_cli({"simg", "extract", "out.img", "sub/deeper/c", "-o", "-"});
+    EXPECT_TRUE(r.status == 0 && r.out == read_file("src/sub/deeper/c"));
+    fs::create_directory("here");
+    ASSERT_EQ(chdir("here"), 0);
+    ASSERT_EQ(run_cli({"simg", "extract", "../out.img", "sub/a"}).status, 0);
+    EXPECT_EQ(read_file("sub/a"), "x");
+    ASSERT_EQ(chdir(".."), 0);
+    ASSERT_EQ(run_cli({"simg", "delete", "out.img", "b.txt"}).status, 0);
+    EXPECT_EQ(entry_names("out.img"), (std::vector<std::string>{"A.bin", "sub/a", "sub/deeper/c", "renamed"}));
+    ASSERT_EQ(run_cli({"simg", "create", "empty.img"}).status, 0);
+    EXPECT_EQ(read_file("empty.img"), simg_bytes({}));
+    ASSERT_EQ(run_cli({"simg", "add", "empty.img", "src/sub/a"}).status, 0);
+    EXPECT_EQ(entry_names("empty.img"), (std::vector<std::string>{"a"}));
+}
+
+TEST(SimgCli, HelpAndBadInput)
+{
+    temp_cwd cwd;
+    for (const char *a : {"create", "list", "add", "extract", "delete", "pack", "unpack"}) {
+        cli_result r = run_cli({"simg", a, "--help"});
+        EXPECT_TRUE(r.status == 0 && starts(r.out, std::string("usage: ravik simg ") + a + " ")) << r.out;
+    }
+    cli_result r = run_cli({"--help"});
+    EXPECT_TRUE(r.status == 0 && r.out.find("simg") != std::string::npos && r.out.find("  flash ") != std::string::npos);
+    r = run_cli({"simg", "--help"});
+    EXPECT_TRUE(r.status == 0 && r.out.find("unpack IMG DIR") != std::string::npos);
+    EXPECT_EQ(run_cli({}).status, 2);
+
+    write_file("small", "x");
+    write_file("empty", "");
+    write_file("not.img", std::string(1000, 'n'));
+    write_file("ok.img", simg_bytes({{"a", "1"}}));
+    fs::create_directory("many");
+    for (int i = 0; i < 129; i++)
+        write_file("many/f" + std::to_string(i), "x");
+    const std::string n200(200, 'n');
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        const char *has;
+    } cases[] = {
+        {{"frobnicate"}, 2, "unknown command"}, {{"simg", "frob"}, 2, "unknown action"},
+        {{"simg", "list"}, 2, "usage: ravik simg list IMG"}, {{"simg", "list", "a", "b"}, 2, "usage"},
+        {{"simg", "add", "ok.img", "small", "--bogus"}, 2, "unknown option --bogus"},
+        {{"simg", "add", "ok.img", "small", "--name"}, 2, "--name needs a value"},
+        {{"simg", "list", "missing.img"}, 1, "No such file"}, {{"simg", "list", "small"}, 1, "not a container"},
+        {{"simg", "list", "not.img"}, 1, "not a container"}, {{"simg", "create", "ok.img"}, 1, "already exists"},
+        {{"simg", "add", "ok.img", "small", "--name", "a"}, 1, "already exists"},
+        {{"simg", "add", "ok.img", "empty"}, 1, "empty"}, {{"simg", "add", "ok.img", "missing"}, 1, "missing"},
+        {{"simg", "add", "ok.img", "small", "--name", n200}, 1, "longer than 127"},
+        {{"simg", "add", "ok.img", "small", "--name", ""}, 1, "empty"},
+        {{"simg", "extract", "ok.img", "nope"}, 1, "no such entry"},
+        {{"simg", "delete", "ok.img", "nope"}, 1, "no such entry"},
+        {{"simg", "unpack", "not.img", "d"}, 1, "not a container"},
+        {{"simg", "pack", "many", "many.img"}, 1, "129 files"},
+    };
+    for (auto &c : cases)
+        expect_failure(c.args, c.status, c.has);
+    EXPECT_EQ(read_file("ok.img"), simg_bytes({{"a", "1"}})) << "failures change nothing";
+    EXPECT_FALSE(fs::exists("many.img"));
+}
+
+// Nothing is written once a name is bad, and a link inside the target
+// directory is not followed, wherever it points.
+TEST(SimgCli, ExtractionStaysInsideItsDirectory)
+{
+    temp_cwd cwd;
+    fs::create_directory("outside");
+    const std::string outside = fs::absolute("outside").string();
+    for (const std::string &bad : {std::string("../escaped"), outside + "/abs", std::string("a/../../escaped"),
+                                   std::string("a//b"), std::string("./a"), std::string("a/.")}) {
+        write_file("evil.img", simg_bytes({{"fine", "1"}, {bad, "2"}}));
+        fs::remove_all("dest");
+        fs::create_directory("dest");
+        expect_failure({"simg", "unpack", "evil.img", "dest"}, 1, "would leave");
+        EXPECT_TRUE(fs::is_empty("dest")) << bad;
+        expect_failure({"simg", "extract", "evil.img", bad}, 1, "would leave");
+    }
+    EXPECT_FALSE(fs::exists("escaped"));
+    write_file("ok.img", simg_bytes({{"sub/file", "1"}, {"top", "2"}}));
+    fs::create_directory("dest2");
+    fs::create_directory_symlink(outside, "dest2/sub");
+    fs::create_symlink(outside + "/top", "dest2/top");
+    expect_failure({"simg", "unpack", "ok.img", "dest2"}, 1, "sub");
+    fs::remove("dest2/sub");
+    expect_failure({"simg", "unpack", "ok.img", "dest2"}, 1, "top");
+    EXPECT_TRUE(fs::is_empty("outside"));
+}
+
+#ifdef RAVIK_HAVE_SIM
+
+namespace {
+
+const std::string IMAGE_DATA = pattern(5000, 3);
+
+// Simulated eMMC targets of chip 0x0BEE unless told otherwise, each on its
+// own link, and a container for them: one image by sector.
+struct station {
+    std::vector<std::unique_ptr<ravik_sim::target>> targets;
+    station()
+    {
+        auto programmer = ravik_sim::demo_programmer();
+        write_container("station.img",
+                        {{"index.xml", "<index><board id=\"0x0BEE\" name=\"station\"/><package compatible=\"protocol:"
+                                       "ravik cpu.name:station\" filename=\"package.xml\"/></index>"},
+                         {"package.xml", "<package><programmer filename=\"programmer.elf\"/><recipe "
+                                         "filename=\"emmc.xml\"/></package>"},
+                         {"emmc.xml", "<recipe><configure SkipStorageInit=\"0\"/><program SECTOR_SIZE_IN_BYTES=\"512\" "
+                                      "label=\"boot\" filename=\"boot.img\" physical_partition_number=\"0\" "
+                                      "start_sector=\"2048\"/><patch SECTOR_SIZE_IN_BYTES=\"512\" filename=\"DISK\" "
+                                      "physical_partition_number=\"0\" start_sector=\"10\" byte_offset=\"0\" "
+                                      "size_in_bytes=\"4\" value=\"1\" what=\"mark\"/></recipe>"},
+                         {"boot.img", IMAGE_DATA},
+                         {"programmer.elf", std::string(programmer.begin(), programmer.end())}});
+    }
+    std::string add(const std::string &name, uint32_t chip_id = 0x0BEE)
+    {
+        ravik_sim::options o;
+        o.link = fs::absolute(name).string();
+        o.storage_dir = o.link + ".storage";
+        o.id.serial = 0x1000 + (uint32_t)targets.size();
+        o.id.chip_id = chip_id;
+        targets.push_back(std::make_unique<ravik_sim::target>(o));
+        targets.back()->start();
+        return o.link;
+    }
+    bool landed(size_t i) const
+    {
+        std::ifstream f(targets[i]->lun_path(0), std::ios::binary);
+        std::string s(5000, '\0');
+        f.seekg(2048 * 512).read(s.data(), 5000);
+        return s == IMAGE_DATA;
+    }
+};
+
+} // namespace
+
+// Alone on a terminal, the status line names the stages and is taken back
+// with \r before every log line. Side by side, off a terminal: plain lines,
+// each its device's or the program's, one failure stops no other target, and
+// the first failure in the order given names the status.
+TEST(FlashCli, TargetsSideBySideOneFailing)
+{
+    temp_cwd cwd;
+    station st;
+    cli_result one = run_cli({"flash", st.add("single"), "station.img"}, true);
+    ASSERT_EQ(one.status, 0) << one.err;
+    for (const char *s : {"identify ", "bring-up ", "partition boot ", "patch ", "["})
+        EXPECT_NE(one.err.find(std::string("\r\033[K") + s), std::string::npos) << s << one.err;
+    EXPECT_NE(one.err.find("Flashing partition boot with boot.img"), std::string::npos);
+    EXPECT_TRUE(st.landed(0));
+
+    std::vector<std::string> devices{st.add("a"), st.add("stranger", 0x0DAD), st.add("c"), st.add("d"),
+                                     fs::absolute("unplugged").string()};
+    std::vector<std::string> args{"flash"};
+    for (auto &d : devices)
+        args.insert(args.end(), {"--device", d});
+    args.push_back("station.img");
+    cli_result r = run_cli(args);
+    EXPECT_EQ(r.status, ERR_LOAD_PACKAGE) << r.err;
+    EXPECT_TRUE(st.landed(1) && !st.landed(2) && st.landed(3) && st.landed(4));
+    EXPECT_EQ(r.err.find_first_of("\r\033"), std::string::npos);
+    for (auto &l : lines_of(r.err)) {
+        bool owned = false;
+        for (auto &d : devices)
+            owned |= starts(l, d + ": [") || starts(l, "ravik: " + d + ": ");
+        EXPECT_TRUE(owned) << l;
+    }
+    for (size_t i : {0, 1, 2, 3})
+        EXPECT_NE(r.err.find(devices[i] + ": ["), std::string::npos) << devices[i];
+    EXPECT_NE(r.err.find("Failed identify board"), std::string::npos);
+    EXPECT_NE(r.err.find("ravik: " + devices[1] + ": failed (9): "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("ravik: " + devices[4] + ": failed (7): "), std::string::npos) << r.err;
+    auto table = lines_of(r.out);
+    ASSERT_EQ(table.size(), 6u) << r.out;
+    EXPECT_TRUE(starts(table[0], "DEVICE ")) << table[0];
+    for (size_t i = 0; i < devices.size(); i++) {
+        const std::string &row = table[i + 1];
+        bool ok = i != 1 && i != 4;
+        EXPECT_TRUE(starts(row, devices[i] + " ") && row.find(ok ? " ok " : " failed ") != std::string::npos &&
+                    (!ok || row.find("failed") == std::string::npos)) << row;
+    }
+    EXPECT_NE(table[2].find("error loading package"), std::string::npos) << table[2];
+    EXPECT_NE(table[5].find("error opening device; no such device: " + devices[4]), std::string::npos) << table[5];
+}
+
+TEST(FlashCli, OpenFailuresSayWhatToDo)
+{
+    temp_cwd cwd;
+    const std::string dir = cwd.path();
+    // Quiet: the failure and its reason, nothing else.
+    cli_result r = run_cli({"flash", "-q", dir + "/ttyNONE", "x.img"});
+    EXPECT_EQ(r.status, ERR_OPEN_DEVICE);
+    EXPECT_EQ(r.out + r.err, "ravik: failed (7): rk_flash_singleimage()->device_open()->error opening device\n"
+                             "ravik: no such device: " + dir + "/ttyNONE; is the target connected and in "
+                             "emergency download mode?\n");
+    // A link left behind by a port that went away; log lines come without -q.
+    fs::create_symlink(dir + "/ttyGONE", "port-link");
+    r = run_cli({"flash", "port-link", "x.img"});
+    EXPECT_EQ(r.status, ERR_OPEN_DEVICE);
+    EXPECT_NE(r.err.find("ravik: no such device: port-link points to " + dir + "/ttyGONE, which is gone"),
+              std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("] Opening device: port-link\n"), std::string::npos) << r.err;
+    // Held by another process: this one.
+    write_file("held", "");
+    int fd = open("held", O_RDWR);
+    ASSERT_EQ(flock(fd, LOCK_EX), 0);
+    r = run_cli({"flash", "-q", "held", "x.img"});
+    close(fd);
+    EXPECT_EQ(r.status, ERR_OPEN_DEVICE);
+    EXPECT_NE(r.err.find("ravik: device busy: held is held by process " + std::to_string(getpid()) + " ("),
+              std::string::npos) << r.err;
+    // Permission denied, told with the group that may open it.
+    ASSERT_EQ(chmod(dir.c_str(), 0755), 0);
+    write_file("locked", "");
+    const bool root = geteuid() == 0;
+    ASSERT_EQ(chmod("locked", root ? 0660 : 0), 0);
+    struct group *g = getgrgid(getegid());
+    ASSERT_NE(g, nullptr);
+    r = run_cli({"flash", "-q", "locked", "x.img"}, false, true);
+    EXPECT_EQ(r.status, ERR_OPEN_DEVICE) << r.err;
+    EXPECT_NE(r.err.find("ravik: permission denied: locked has mode " + std::string(root ? "rw-rw----" : "---------") +
+                         " and belongs to group " + g->gr_name + "; "),
+              std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(root ? "sudo usermod -aG " + std::string(g->gr_name) + " $USER" : "only its owner"),
+              std::string::npos) << r.err;
+}
+
+TEST(FlashCli, ArgumentsAndExitStatus)
+{
+    temp_cwd cwd;
+    cli_result r = run_cli({"flash", "--help"});
+    EXPECT_TRUE(r.status == 0 && starts(r.out, "usage: ravik flash [options] DEVICE IMAGE\n")) << r.out;
+    for (const char *opt : {"--debug", "--hexdump", "--backup", "--keep-backup", "--save-log", "--ufs-lock",
+                            "--force-backup", "--device", "-q", "-v"})
+        EXPECT_NE(r.out.find(std::string("  ") + opt), std::string::npos) << opt;
+    // Wrong arguments: one line, status 64, no session.
+    for (const std::vector<std::string> &bad :
+         {std::vector<std::string>{"flash"}, {"flash", "dev"}, {"flash", "a", "b", "c"},
+          {"flash", "--device", "a", "x", "y"}, {"flash", "--bogus", "a", "b"}, {"flash", "a", "b", "--device"},
+          {"flash", "--device", "a", "--device", "b", "--device", "a", "x"}})
+        expect_failure(bad, 64, "ravik: flash: ");
+    // A healthy target and a missing container: the status is the message
+    // number of the failure, and --save-log leaves its log behind.
+    station st;
+    r = run_cli({"flash", "--save-log", "-v", st.add("t"), "missing.img"});
+    EXPECT_EQ(r.status, ERR_OPEN_SIMG) << r.err;
+    EXPECT_NE(r.err.find("ravik: failed (8): rk_flash_singleimage()->"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("stage times: open "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(", identify "), std::string::npos) << r.err;
+    EXPECT_NE(read_file("ravik_log.txt").find("Opening singleimage"), std::string::npos);
+}
+
+#endif
+#endif
