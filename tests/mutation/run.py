@@ -1,17 +1,14 @@
 #!/usr/bin/env python3
 """Does the suite still catch the faults of mutants.txt?
 
-Copies the checkout (tracked and untracked files, not ignored ones) into a
-scratch directory, builds it with the asan preset and runs the suite clean;
+Copies the checkout into a scratch directory (kept, so later runs rebuild
+only what changed), builds it with the asan preset and runs the suite clean;
 then for each mutant applies it, rebuilds, runs the suite until its first
-failure and puts the file back. Killed: the suite failed. The scratch build
-is kept, so a later run rebuilds only what changed.
+failure and puts the file back. Killed: the suite failed.
 
     tests/mutation/run.py [ID-PREFIX...]   all mutants, or those whose id starts so
     tests/mutation/run.py --list           whether each mutant applies
     tests/mutation/run.py --from ID        resume a run that stopped before ID
-
-In mutants.txt a \u23ce stands for a line end within a text.
 
 Exit status 0 when every mutant run was killed, 1 when one survived or did
 not apply or build, 2 when the clean tree fails.
