@@ -14,12 +14,7 @@ using namespace ravik;
 using namespace ravik::test;
 
 namespace {
-uint32_t ring_count()
-{
-    logger_view v{};
-    logger_current(&v);
-    return v.count;
-}
+uint32_t ring_count() { return [](logger_view v) { return logger_current(&v), v.count; }({}); }
 constexpr size_t STAMP = 10; // the clock stands still: every stamp is "[  0.000] "
 } // namespace
 
@@ -235,7 +230,7 @@ TEST(Util, HumanizeCrcStrtokAndAllocation)
     EXPECT_EQ(tokens, "onex|two|three|y");
     EXPECT_EQ(ravik::strtok_r(nullptr, ",;", &sa), nullptr);
 
-    mem_fail_nth(2);
+    mem_fail_nth(2); // just the second
     void *m[3] = {mem_zalloc(8), mem_zalloc(8), mem_zalloc(8)};
     mem_fail_nth(0);
     EXPECT_TRUE(m[0] && !m[1] && m[2]);

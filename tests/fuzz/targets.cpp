@@ -1,10 +1,8 @@
 // The fuzz targets: one libFuzzer program each, built with RAVIK_FUZZ_MAIN
-// naming its body; in the test suite the bodies replay the corpus and the
-// regressions. A body aborts on what it finds and ends as a thread ends, so
-// nothing of the library carries over. Every input starts with a flags byte
-// (none for tags and container) and a byte N: allocation N + N*N/16 from the
-// body's chosen point on fails (0: none), spaced to reach a discovery's
-// thousands with one byte.
+// naming its body; the test suite replays the corpus and the regressions. A
+// body aborts on a finding and ends as a thread ends. Every input starts with
+// a flags byte (none for tags and container) and a byte N: allocation
+// N + N*N/16 from the body's chosen point on fails (0: none).
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -33,12 +31,7 @@ struct input {
     const uint8_t *p;
     size_t n;
     uint8_t byte() { return n ? (n--, *p++) : 0; }
-    std::string take(size_t k)
-    {
-        std::string s(reinterpret_cast<const char *>(p), k = std::min(k, n));
-        p += k, n -= k;
-        return s;
-    }
+    std::string take(size_t k) { return k = std::min(k, n), p += k, n -= k, std::string((const char *)p - k, k); }
     // Runs fn, allocation `fail_at` failing from where fn calls arm(); every
     // block fn took must be back once the thread's blocks are freed.
     template <typename F> void run(uint8_t fail_at, F &&fn)
@@ -54,15 +47,9 @@ struct input {
     // many bytes; 0 an idle read, 255 a failed one, 254 64 KiB of the next byte.
     void push_reads(test::fake_platform &fake)
     {
-        while (n) {
-            uint8_t len = byte();
-            if (len == 0)
-                fake.push_idle();
-            else if (len == 255)
-                fake.push_read_error(EIO);
-            else
-                fake.push_bytes(len == 254 ? std::string(65536, (char)byte()) : take(len));
-        }
+        for (uint8_t len; n;)
+            len = byte(), !len ? fake.push_idle() : len == 255 ? fake.push_read_error(EIO)
+                                                   : fake.push_bytes(len == 254 ? std::string(65536, (char)byte()) : take(len));
     }
 };
 
