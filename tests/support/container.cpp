@@ -10,20 +10,14 @@ namespace ravik::test {
 
 std::string simg_block(const std::string &text) { return text + std::string(256 - text.size(), '\0'); }
 
-std::string simg_header(const std::string &name, uint64_t size)
-{
-    std::string b = simg_block(name.substr(0, 248));
-    for (int i = 0; i < 8; i++)
-        b[248 + i] = (char)(size >> (8 * i));
-    return b;
-}
-
 std::string simg_bytes(const std::vector<raw_entry> &entries, bool tail)
 {
     std::string out = simg_block("SINGLE_N_LONELY");
-    for (const auto &e : entries)
-        out += simg_header(e.name, e.size.value_or(e.data.size())) + e.data +
-               std::string((4096 - e.data.size() % 4096) % 4096, '\0');
+    for (const auto &e : entries) {
+        std::string header = simg_block(e.name.substr(0, 248));
+        set_le(header, 248, 8, e.size.value_or(e.data.size()));
+        out += header + e.data + std::string((4096 - e.data.size() % 4096) % 4096, '\0');
+    }
     return tail ? out + simg_block("LONELY_N_SINGLE") : out;
 }
 

@@ -12,14 +12,9 @@
 
 namespace ravik::test {
 
-struct raw_entry {
-    std::string name; // placed as is, up to 248 bytes
-    std::string data;
-    std::optional<uint64_t> size = {}; // the header's size field; default data.size()
-};
-
+// name placed as is, up to 248 bytes; size: the header's size field, by default data.size().
+struct raw_entry { std::string name, data; std::optional<uint64_t> size = {}; };
 std::string simg_block(const std::string &text);
-std::string simg_header(const std::string &name, uint64_t size);
 // Head, entries with their padding, tail (if asked for).
 std::string simg_bytes(const std::vector<raw_entry> &entries, bool tail = true);
 
@@ -42,10 +37,7 @@ struct io_hook {
     ~io_hook();
     io_hook(const io_hook &) = delete;
     static constexpr uint64_t SYNC = UINT64_MAX, WRITEBACK = UINT64_MAX - 1;
-    struct write_rec {
-        uint64_t at; // or SYNC for an fdatasync, WRITEBACK for a writeback
-        std::string bytes;
-    };
+    struct write_rec { uint64_t at; std::string bytes; }; // at: or SYNC, WRITEBACK
     std::vector<write_rec> writes; // pwrite, fdatasync and writeback calls, in order
     // The call of this index in `writes` fails; torn: a failing pwrite puts down half its bytes.
     long fail_at = -1;
