@@ -1,4 +1,4 @@
-// Looking at the backup files a session left in the working directory.
+// The backup files a session left in the working directory.
 #pragma once
 
 #include <filesystem>

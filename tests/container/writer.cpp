@@ -1,5 +1,5 @@
 // The writer: bytes on disk against containers built by hand, the full table,
-// delete, import and export, stores in steps, containers past 4 GiB.
+// delete, import and export, containers past 4 GiB, stores interrupted.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -61,56 +61,42 @@ TEST(SimgWriter, NamesInFileAndTable)
     simg_close(h);
 }
 
+// Later entries move down over a deleted one, the file not shortened; buffers
+// loaded from any of them, small or mapped, stay valid and move with their records.
 TEST(SimgWriter, DeleteMovesLaterEntriesDown)
 {
     temp_cwd cwd;
-    simg *h = simg_open("a.img", SIMG_CREATE);
-    const std::string a = pattern(5000, 1), b = pattern(100, 2), c = pattern(8192, 3);
-    for (auto [name, s] : {std::pair{"a", &a}, {"b", &b}, {"c", &c}})
-        simg_store(h, s->data(), s->size(), name);
-    const std::string before = read_file("a.img");
-    for (auto [hh, name] : {std::pair<simg *, const char *>{h, "nothing"}, {h, nullptr}, {nullptr, "a"}})
-        EXPECT_EQ(err(simg_delete(hh, name)), err(ERR_NOT_FOUND));
-    EXPECT_EQ(read_file("a.img"), before);
-    ASSERT_EQ(simg_delete(h, "a"), 0);
-    EXPECT_TRUE(table_of(h) == (std::vector<listed>{{"b", 100, 512}, {"c", 8192, 4864}}) &&
-                h->end_offset == 4864u + 8192 + 256);
-    EXPECT_TRUE(got(simg_load(h, "b")) == b && got(simg_load(h, "c")) == c);
-    const std::string after = read_file("a.img");
-    EXPECT_TRUE(after.size() == before.size() && after.substr(0, h->end_offset) == simg_bytes({{"b", b}, {"c", c}}))
-        << "moved down, the file not shortened";
-    // Deleting the last entry moves only the tail block, where a store then goes.
-    ASSERT_EQ(simg_delete(h, "c"), 0);
-    ASSERT_NE(simg_store(h, "new", 3, "n"), nullptr);
-    EXPECT_EQ(read_file("a.img").substr(0, 4864 + 4096 + 256), simg_bytes({{"b", b}, {"n", "new"}}));
-    ASSERT_EQ(simg_delete(h, "b") + simg_delete(h, "n"), 0);
-    EXPECT_TRUE(table_of(h).empty() && h->end_offset == 512u);
-    simg_close(h);
-    EXPECT_EQ(read_file("a.img").substr(0, 512), simg_bytes({}));
-}
-
-// Deleting "a" moves "b" and "c" over the bytes "a" was loaded from, small
-// and by mapping.
-TEST(SimgWriter, LoadedBuffersOutliveDeleteAndStore)
-{
-    temp_cwd cwd;
     for (size_t big : {(size_t)3000, (size_t)(2 << 20) + 5}) {
-        simg *h = simg_open(std::to_string(big).c_str(), SIMG_CREATE);
-        std::string a = pattern(big, 1), b = pattern(big + 77, 2), c = pattern(big / 3, 3), d = pattern(big + 77, 9);
+        const std::string file = std::to_string(big);
+        simg *h = simg_open(file.c_str(), SIMG_CREATE);
+        const std::string a = pattern(big, 1), b = pattern(big + 77, 2), c = pattern(big / 3, 3), d = pattern(9, 4);
         std::vector<uint8_t *> loaded;
         for (auto [name, s] : {std::pair{"a", &a}, {"b", &b}, {"c", &c}}) {
             simg_store(h, s->data(), s->size(), name);
             loaded.push_back(simg_loads(h, name)->data);
         }
         EXPECT_EQ(h->entries[0].map_len != 0, big > 3000) << "the large case must load by mapping";
+        const size_t size = read_file(file).size();
+        for (auto [hh, name] : {std::pair<simg *, const char *>{h, "nothing"}, {h, nullptr}, {nullptr, "a"}})
+            EXPECT_EQ(err(simg_delete(hh, name)), err(ERR_NOT_FOUND));
         ASSERT_EQ(simg_delete(h, "a"), 0);
         EXPECT_EQ(simg_find(h, "b")->data, loaded[1]) << "a loaded buffer moves with its record";
+        EXPECT_TRUE(read_file(file).size() == size && read_file(file).substr(0, h->end_offset) ==
+                                                          simg_bytes({{"b", b}, {"c", c}})) << big;
         ASSERT_NE(simg_store(h, d.data(), d.size(), "d"), nullptr);
         ASSERT_EQ(simg_delete(h, "b"), 0);
         ASSERT_NE(simg_store(h, d.data(), d.size(), "e"), nullptr);
+        EXPECT_EQ(read_file(file).substr(0, h->end_offset), simg_bytes({{"c", c}, {"d", d}, {"e", d}})) << big;
         EXPECT_EQ(simg_load(h, "c")->data, loaded[2]);
         EXPECT_TRUE(std::string((char *)loaded[0], big) == a && std::string((char *)loaded[1], b.size()) == b &&
                     std::string((char *)loaded[2], c.size()) == c && got(simg_load(h, "d")) == d) << big;
+        // Deleting the last entry moves only the tail block, where a store then goes.
+        ASSERT_EQ(simg_delete(h, "e"), 0);
+        ASSERT_NE(simg_store(h, "new", 3, "n"), nullptr);
+        EXPECT_EQ(read_file(file).substr(0, h->end_offset), simg_bytes({{"c", c}, {"d", d}, {"n", "new"}})) << big;
+        for (const char *name : {"c", "d", "n"})
+            ASSERT_EQ(simg_delete(h, name), 0);
+        EXPECT_TRUE(table_of(h).empty() && h->end_offset == 512u && read_file(file).substr(0, 512) == simg_bytes({}));
         simg_close(h);
     }
 }
@@ -209,4 +195,118 @@ TEST(SimgWriter, SparseContainerPastFourGiB)
     EXPECT_EQ(table_of(h), (std::vector<listed>{{"last", 5000, 512}, {"more", 4097, 512 + 8192 + 256}}));
     EXPECT_TRUE(got(simg_load(h, "last")) == last && got(simg_load(h, "more")) == more);
     simg_close(h);
+}
+
+// A store interrupted anywhere leaves the old container or the new one, for a
+// whole store and for one in steps: the process stops after any write (the
+// write fails, whole or torn), or the power fails and loses writes.
+namespace {
+
+const std::string A = pattern(5000, 1), B = pattern(1, 2), C = pattern(2 * 4096 + 100, 3);
+const std::string OLD = simg_bytes({{"a", A}, {"b", B}}), NEW = simg_bytes({{"a", A}, {"b", B}, {"c", C}});
+
+// c, whole or in steps: the first block, then the second, then the rest. The
+// puts come from a thread of their own and allocate nothing.
+simg_entry *store_c(simg *h, bool staged)
+{
+    simg_stage st;
+    if (!staged)
+        return simg_store(h, C.data(), C.size(), "c");
+    if (simg_stage_begin(h, C.size(), "c", &st))
+        return nullptr;
+    std::thread([&] {
+        const uint64_t allocations = mem_alloc_count();
+        if (simg_stage_put(&st, C.data(), 4096 + 10) == 0)
+            simg_stage_put(&st, C.data(), 2 * 4096);
+        EXPECT_EQ(mem_alloc_count(), allocations);
+    }).join();
+    return simg_stage_end(&st, C.data());
+}
+
+// "old" or "new" when the file opens and reads as exactly one of the two.
+std::string old_or_new()
+{
+    simg *h = simg_open("c.img", 0);
+    std::string r = !h ? err(get_error()) : got(simg_load(h, "a")) != A || got(simg_load(h, "b")) != B ? "a or b"
+                    : h->num_entries == 2 ? "old" : got(simg_load(h, "c")) == C && h->num_entries == 3 ? "new" : "?";
+    simg_close(h);
+    return r;
+}
+
+// The writes of one store of c into OLD, syncs and writebacks among them.
+std::vector<io_hook::write_rec> writes_of(bool staged)
+{
+    write_file("c.img", OLD);
+    simg *h = simg_open("c.img", 0);
+    io_hook hook;
+    EXPECT_NE(store_c(h, staged), nullptr);
+    simg_close(h);
+    return hook.writes;
+}
+
+void put(std::string &img, const io_hook::write_rec &w)
+{
+    img.resize(std::max(img.size(), w.at + w.bytes.size()), '\0');
+    img.replace(w.at, w.bytes.size(), w.bytes);
+}
+
+} // namespace
+
+// Writes between two syncs may reach the disk in any order or not at all; a
+// write before a sync is on the disk once the sync has returned. A writeback
+// promises nothing.
+TEST(SimgCrash, StopAfterAnyWriteOrLoseAnyUnsyncedOnes)
+{
+    temp_cwd cwd;
+    for (bool staged : {false, true}) {
+        const std::vector<io_hook::write_rec> all_calls = writes_of(staged);
+        ASSERT_GE(all_calls.size(), staged ? 9u : 6u) << "header, blocks, last block, tail, syncs, commit, writebacks";
+        for (int k = 0; k < 2 * (int)all_calls.size(); k++) {
+            std::string what = std::to_string(k / 2) + (k % 2 ? " torn" : "") + (staged ? " staged" : "");
+            write_file("c.img", OLD);
+            simg *h = simg_open("c.img", 0);
+            {
+                io_hook hook;
+                hook.fail_at = k / 2;
+                hook.torn = k % 2;
+                EXPECT_EQ(got(store_c(h, staged), 0), err(ERR_IO)) << what;
+                EXPECT_EQ(table_of(h), (std::vector<listed>{{"a", 5000, 512}, {"b", 1, 8960}})) << what;
+            }
+            std::string r = old_or_new();
+            EXPECT_TRUE(r == "old" || r == "new") << what << ": " << r;
+            // The same handle stores again over whatever the failure left.
+            ASSERT_NE(simg_store(h, C.data(), C.size(), "c"), nullptr) << what;
+            simg_close(h);
+            EXPECT_EQ(old_or_new(), "new") << what;
+        }
+        std::vector<io_hook::write_rec> writes;
+        for (auto &w : all_calls)
+            if (w.at != io_hook::WRITEBACK)
+                writes.push_back(w);
+        std::string durable = OLD, all = OLD;
+        std::vector<size_t> pending;
+        int images = 0;
+        for (size_t cut = 0; cut <= writes.size(); cut++) {
+            ASSERT_LE(pending.size(), 8u);
+            for (uint32_t mask = 0; mask < (1u << pending.size()); mask++, images++) {
+                std::string img = durable;
+                for (size_t j = 0; j < pending.size(); j++)
+                    if (mask & (1u << j))
+                        put(img, writes[pending[j]]);
+                write_file("c.img", img);
+                std::string r = old_or_new();
+                EXPECT_TRUE(r == "old" || r == "new") << cut << " " << mask << (staged ? " staged: " : ": ") << r;
+            }
+            if (cut < writes.size() && writes[cut].at == io_hook::SYNC) {
+                for (size_t p : pending)
+                    put(durable, writes[p]);
+                pending.clear();
+            } else if (cut < writes.size()) {
+                pending.push_back(cut);
+                put(all, writes[cut]);
+            }
+        }
+        EXPECT_EQ(all, NEW) << "everything written: the new container, to the byte";
+        EXPECT_GT(images, 16);
+    }
 }
