@@ -51,16 +51,10 @@ TEST(SimgReader, LayoutLoadsAndPadding)
 TEST(SimgReader, MissingCreatedAndNames)
 {
     temp_cwd cwd;
-    EXPECT_EQ(opened(simg_open("new.img", 0)), err(ERR_IO));
-    EXPECT_FALSE(file_exists("new.img"));
+    EXPECT_TRUE(opened(simg_open("new.img", 0)) == err(ERR_IO) && !file_exists("new.img"));
     simg *h = simg_open("new.img", SIMG_CREATE);
-    ASSERT_NE(h, nullptr);
-    EXPECT_TRUE(h->num_entries == 0 && h->end_offset == 512u && read_file("new.img") == simg_bytes({}));
-    {
-        log_capture c;
-        EXPECT_EQ(got(simg_load(h, "index.xml")), err(ERR_NOT_FOUND));
-        EXPECT_EQ(c.lines, std::vector<std::string>{"Error: not found\n"});
-    }
+    EXPECT_TRUE(h && h->num_entries == 0 && h->end_offset == 512u && read_file("new.img") == simg_bytes({}));
+    EXPECT_EQ(got(simg_load(h, "index.xml")), err(ERR_NOT_FOUND));
     simg_close(h);
     // An existing container is opened, never truncated, with the flag set.
     const std::string n200(200, 'n'), n127(127, 'n'), no_nul(248, 'q');
@@ -75,8 +69,8 @@ TEST(SimgReader, MissingCreatedAndNames)
     simg_close(h);
 }
 
-// Refused by both readers, the bytes left as they were; "open" where a
-// reader takes them.
+// Refused by both readers, the bytes left as they were, or "open" where a
+// reader takes them; 128 entries fit (SimgWriter.StoresUpToAFullTable).
 TEST(SimgReader, DamagedHeadsAndFullTables)
 {
     temp_cwd cwd;
@@ -86,9 +80,7 @@ TEST(SimgReader, DamagedHeadsAndFullTables)
         many.push_back({"e" + std::to_string(i), std::string(1, (char)i)});
     std::string overrun = simg_bytes({{"a", "1"}, {"b", pattern(4096, 7)}}, false);
     overrun.pop_back();
-    const struct {
-        std::string bytes, file, mem;
-    } cases[] = {
+    const struct { std::string bytes, file, mem; } cases[] = {
         {std::string(good).replace(15, 1, "X"), err(ERR_INVALID), err(ERR_INVALID)}, // head text without its NUL
         {std::string(good).replace(0, 1, "s"), err(ERR_INVALID), err(ERR_INVALID)},
         {simg_block("LONELY_N_SINGLE") + good.substr(256), err(ERR_INVALID), err(ERR_INVALID)},
@@ -106,45 +98,6 @@ TEST(SimgReader, DamagedHeadsAndFullTables)
         EXPECT_EQ(copy, bytes);
     }
     EXPECT_EQ(opened(simg_mopen(nullptr, 4096)), err(ERR_INVALID));
-    // Head plus exactly 256 bytes opens with no entries, whatever they are.
-    std::string head = simg_block("SINGLE_N_LONELY") + pattern(256, 6);
-    simg *h = simg_mopen(head.data(), head.size());
-    EXPECT_TRUE(h && h->num_entries == 0);
-    simg_close(h);
-    many.pop_back();
-    std::string full = simg_bytes(many);
-    write_file("a.img", full);
-    for (simg *h : {simg_open("a.img", 0), simg_mopen(full.data(), full.size())}) {
-        EXPECT_TRUE(h && h->num_entries == 128 && got(simg_load(h, "e127")) == "\x7f");
-        simg_close(h);
-    }
-}
-
-// Cut at and next to each boundary: the file reader loads the right bytes or
-// fails with ERR_IO; the memory reader, given exactly the prefix, never
-// reads past it.
-TEST(SimgReader, TruncatedAtEachBoundary)
-{
-    temp_cwd cwd;
-    const std::string a = pattern(5000, 3), b = pattern(300, 4), bytes = simg_bytes({{"a", a}, {"b", b}});
-    for (size_t edge : {0, 256, 512, 768, 5512, 8704, 8960, 9260, 13056, 13312})
-        for (size_t len = edge ? edge - 1 : 0; len <= std::min(edge + 1, bytes.size()); len++) {
-            std::string cut = bytes.substr(0, len);
-            write_file("t.img", cut);
-            simg *h = simg_open("t.img", 0);
-            EXPECT_EQ(h ? "open" : err(get_error()), len < 256 ? err(ERR_IO) : "open") << len;
-            for (int32_t i = 0; h && i < h->num_entries; i++) {
-                const std::string &want = i ? b : a;
-                bool whole = h->entries[i].offset + want.size() <= len;
-                EXPECT_EQ(got(simg_load(h, h->entries[i].name), want.size()), whole ? want : err(ERR_IO)) << len;
-            }
-            simg_close(h);
-            simg *m = simg_mopen(cut.data(), cut.size());
-            EXPECT_TRUE(m || get_error() % 256 == ERR_INVALID) << len;
-            for (int32_t i = 0; m && i < m->num_entries; i++)
-                EXPECT_NE(simg_loads(m, m->entries[i].name), nullptr) << len;
-            simg_close(m);
-        }
 }
 
 TEST(SimgReader, SizesNearTheTopOf64Bits)
@@ -153,8 +106,7 @@ TEST(SimgReader, SizesNearTheTopOf64Bits)
     for (uint64_t size : {UINT64_MAX, UINT64_MAX - 4095, UINT64_MAX - 4096, (uint64_t)1 << 63,
                           ((uint64_t)1 << 63) - 4096, (uint64_t)1 << 40}) {
         std::string bytes = simg_bytes({{"ok", "fine"}, {"huge", "abc", size}, {"after", "x"}}), mem = bytes;
-        EXPECT_EQ(opened(simg_mopen(mem.data(), mem.size())), err(ERR_INVALID)) << size;
-        EXPECT_EQ(mem, bytes);
+        EXPECT_TRUE(opened(simg_mopen(mem.data(), mem.size())) == err(ERR_INVALID) && mem == bytes) << size;
         write_file("h.img", bytes);
         simg *h = simg_open("h.img", 0);
         // A data area beyond the largest file position is a failed seek;

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <fstream>
-#include <sys/mman.h>
 
 #include "core/core.h"
 
@@ -71,11 +70,8 @@ io_hook::io_hook() : saved(simg_io())
     };
     io.fdatasync = [](int fd) { return self->record(SYNC) ? -1 : self->saved.fdatasync(fd); };
     io.writeback = [](int fd, uint64_t at, uint64_t n) { return self->record(WRITEBACK) ? -1 : self->saved.writeback(fd, at, n); };
-    io.map_file = [](void *at, size_t len, int fd, uint64_t off) -> void * {
-        if (!self->lazy_map)
-            return self->fail_map ? nullptr : self->saved.map_file(at, len, fd, off);
-        void *p = mmap(at, len, PROT_READ | PROT_WRITE, MAP_PRIVATE | (at ? MAP_FIXED : 0), fd, (off_t)off);
-        return p == MAP_FAILED ? nullptr : p;
+    io.map_file = [](void *at, size_t len, int fd, uint64_t off) {
+        return self->fail_map ? nullptr : self->saved.map_file(at, len, fd, off);
     };
     io.map_anon = [](size_t len) { return self->fail_anon ? nullptr : self->saved.map_anon(len); };
     io.file_size = [](int fd, uint64_t *size) { return self->fail_file_size ? -1 : self->saved.file_size(fd, size); };

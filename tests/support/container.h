@@ -42,7 +42,6 @@ struct io_hook {
     // The call of this index in `writes` fails; torn: a failing pwrite puts down half its bytes.
     long fail_at = -1;
     bool torn = false, fail_map = false, fail_anon = false, fail_file_size = false;
-    bool lazy_map = false; // file mappings without reading every page in at once
     bool record(uint64_t at, std::string bytes = {}); // true: this call fails
     simg_io_calls saved;
 };
