@@ -1,4 +1,5 @@
-// The backup list, the file's name, its documents and its end, the record filled by hand.
+// The backup list, the file's name, its documents and its end, the record filled by hand;
+// and backup commands with backup and restore turned off.
 #include <gtest/gtest.h>
 
 #include <cstdio>

@@ -9,7 +9,6 @@
 #include <memory>
 #include <sstream>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
