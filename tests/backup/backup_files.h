@@ -1,4 +1,4 @@
-// Looking at the backup files a session left in the working directory.
+// The backup files a session left in the working directory.
 #pragma once
 
 #include <filesystem>
@@ -9,7 +9,6 @@
 
 namespace ravik::test {
 
-// Backup files whose names start with `prefix`.
 inline std::vector<std::string> backup_files(const std::string &prefix = "backup_0x")
 {
     std::vector<std::string> out;
@@ -19,7 +18,6 @@ inline std::vector<std::string> backup_files(const std::string &prefix = "backup
     return out;
 }
 
-// The entry names of a container, in file order; empty if it does not open.
 inline std::vector<std::string> entry_names(const std::string &path)
 {
     std::vector<std::string> out;

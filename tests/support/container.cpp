@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <fstream>
-#include <sys/mman.h>
 
 #include "core/core.h"
 
@@ -10,20 +9,14 @@ namespace ravik::test {
 
 std::string simg_block(const std::string &text) { return text + std::string(256 - text.size(), '\0'); }
 
-std::string simg_header(const std::string &name, uint64_t size)
-{
-    std::string b = simg_block(name.substr(0, 248));
-    for (int i = 0; i < 8; i++)
-        b[248 + i] = (char)(size >> (8 * i));
-    return b;
-}
-
 std::string simg_bytes(const std::vector<raw_entry> &entries, bool tail)
 {
     std::string out = simg_block("SINGLE_N_LONELY");
-    for (const auto &e : entries)
-        out += simg_header(e.name, e.size.value_or(e.data.size())) + e.data +
-               std::string((4096 - e.data.size() % 4096) % 4096, '\0');
+    for (const auto &e : entries) {
+        std::string header = simg_block(e.name.substr(0, 248));
+        set_le(header, 248, 8, e.size.value_or(e.data.size()));
+        out += header + e.data + std::string((4096 - e.data.size() % 4096) % 4096, '\0');
+    }
     return tail ? out + simg_block("LONELY_N_SINGLE") : out;
 }
 
@@ -76,15 +69,12 @@ io_hook::io_hook() : saved(simg_io())
         return -1;
     };
     io.fdatasync = [](int fd) { return self->record(SYNC) ? -1 : self->saved.fdatasync(fd); };
-    io.writeback = [](int fd, uint64_t at, uint64_t n) { return self->record(WRITEBACK) ? -1 : self->saved.writeback(fd, at, n); };
-    io.map_file = [](void *at, size_t len, int fd, uint64_t off) -> void * {
-        if (!self->lazy_map)
-            return self->fail_map ? nullptr : self->saved.map_file(at, len, fd, off);
-        void *p = mmap(at, len, PROT_READ | PROT_WRITE, MAP_PRIVATE | (at ? MAP_FIXED : 0), fd, (off_t)off);
-        return p == MAP_FAILED ? nullptr : p;
+    io.writeback = [](int fd, uint64_t at, uint64_t n) {
+        return self->record(WRITEBACK) ? -1 : self->saved.writeback(fd, at, n);
     };
-    io.map_anon = [](size_t len) { return self->fail_anon ? nullptr : self->saved.map_anon(len); };
-    io.file_size = [](int fd, uint64_t *size) { return self->fail_file_size ? -1 : self->saved.file_size(fd, size); };
+    io.map_file = [](void *at, size_t len, int fd, uint64_t off) {
+        return self->fail_map ? nullptr : self->saved.map_file(at, len, fd, off);
+    };
 }
 
 io_hook::~io_hook() { simg_io() = saved; }

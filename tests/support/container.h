@@ -12,14 +12,9 @@
 
 namespace ravik::test {
 
-struct raw_entry {
-    std::string name; // placed as is, up to 248 bytes
-    std::string data;
-    std::optional<uint64_t> size = {}; // the header's size field; default data.size()
-};
-
+// name placed as is, up to 248 bytes; size: the header's size field, by default data.size().
+struct raw_entry { std::string name, data; std::optional<uint64_t> size = {}; };
 std::string simg_block(const std::string &text);
-std::string simg_header(const std::string &name, uint64_t size);
 // Head, entries with their padding, tail (if asked for).
 std::string simg_bytes(const std::vector<raw_entry> &entries, bool tail = true);
 
@@ -29,8 +24,7 @@ struct listed {
     bool operator==(const listed &) const = default;
 };
 std::vector<listed> table_of(const simg *h);
-// The first n bytes of a loaded entry (all of it by default), or for none
-// "#" and the low byte of the thread's error, as err() writes it.
+// The first n bytes of a loaded entry (all by default), or for none err() of the thread's error.
 std::string got(const simg_entry *e, size_t n = SIZE_MAX);
 inline std::string err(int32_t code) { return "#" + std::to_string(code & 0xFF); }
 // "open", or err() of the failure; the handle is closed.
@@ -42,15 +36,11 @@ struct io_hook {
     ~io_hook();
     io_hook(const io_hook &) = delete;
     static constexpr uint64_t SYNC = UINT64_MAX, WRITEBACK = UINT64_MAX - 1;
-    struct write_rec {
-        uint64_t at; // or SYNC for an fdatasync, WRITEBACK for a writeback
-        std::string bytes;
-    };
+    struct write_rec { uint64_t at; std::string bytes; }; // at: or SYNC, WRITEBACK
     std::vector<write_rec> writes; // pwrite, fdatasync and writeback calls, in order
     // The call of this index in `writes` fails; torn: a failing pwrite puts down half its bytes.
     long fail_at = -1;
-    bool torn = false, fail_map = false, fail_anon = false, fail_file_size = false;
-    bool lazy_map = false; // file mappings without reading every page in at once
+    bool torn = false, fail_map = false;
     bool record(uint64_t at, std::string bytes = {}); // true: this call fails
     simg_io_calls saved;
 };
