@@ -1,12 +1,13 @@
 // Packages, recipes and their commands against a scripted programmer.
 #include <gtest/gtest.h>
 
-#include "backup/bnr.h"
+#include "firehose/commands.h"
 #include "firehose/link.h"
 #include "support/firehose.h"
 
 using namespace ravik;
 using namespace ravik::test;
+using strings = std::vector<std::string>;
 
 namespace {
 // Runs a package from a container of these entries; its code.
@@ -35,28 +36,22 @@ TEST(RecipeEngine, PackagesRecipesAndCommands)
 {
     const std::string R = "<recipe filename=\"r.xml\"/>", frob = "frobnicate level=\"9\"";
     // No package: the recipe is one command. "!" before a log: not there.
-    struct { std::string package, recipe; std::vector<std::string> answers, sent, logs; int code, slept = -1; }
-    rows[] = {
+    struct { std::string package, recipe; strings answers, sent, logs; int code, slept = -1; } rows[] = {
         // Every recipe filtered out, no recipe at all, or none for this target even with ignore_errors.
         {"<recipe filename=\"r.xml\" compatible=\"storage.type:UFS\"/>", "<print what=\"x\"/>", {}, {},
          {"No compatible recipe found!\n"}, ERR_NOT_FOUND},
         {"<programmer filename=\"p\"/>", "", {}, {}, {}, ERR_NOT_FOUND},
-        {"<recipe filename=\"r.xml\" ignore_errors=\"true\"/>",
-         "<print what=\"x\" compatible=\"storage.type:UFS\"/><restore/>",
+        {"<recipe filename=\"r.xml\" ignore_errors=\"true\"/>", "<print what=\"x\" compatible=\"storage.type:UFS\"/><restore/>",
          {}, {}, {"No compatible command found!\n", "!x\n"}, ERR_NOT_FOUND},
         // Recipe files are named exactly; a missing one ends the package.
         {"<recipe filename=\"R.xml\"/>", "<print what=\"x\"/>", {}, {}, {"Error loading R.xml\n"}, ERR_LOAD_ENTRY},
         {"<recipe filename=\"\"/>", "", {}, {}, {}, ERR_GENERAL},
         // An unknown tag goes to the target as it stands; its NAK fails.
-        {R, "<" + frob + "  mode=\"x\"/><print what=\"after\"/>", {nak()}, {frob + "  mode=\"x\""}, {"!after\n"},
-         ERR_NAK},
+        {R, "<" + frob + "  mode=\"x\"/><print what=\"after\"/>", {nak()}, {frob + "  mode=\"x\""}, {"!after\n"}, ERR_NAK},
         // With ignore_errors the walk goes on, two lines a failure; "1" is not true.
-        {"<recipe filename=\"r.xml\" ignore_errors=\"TRUE\"/>",
-         "<" + frob + "/><SLEEP ms=\"10\"/><print what=\"after\"/>",
+        {"<recipe filename=\"r.xml\" ignore_errors=\"TRUE\"/>", "<" + frob + "/><SLEEP ms=\"10\"/><print what=\"after\"/>",
          {nak()}, {frob}, {frob + ": Error: NAK\n", "Continuing\n", "Sleeping for 10 ms - \n", "after\n"}, 0, 10},
         {"<recipe filename=\"r.xml\" ignore_errors=\"1\"/>", "<" + frob + "/>", {nak()}, {frob}, {}, ERR_NAK},
-        {R, "<" + frob + "/>", {}, {frob}, {}, ERR_NO_RESPONSE}, // silence fails the command
-        {"", "print what=\"hello\"", {}, {}, {"hello\n"}, 0},
         {"", "restore", {}, {}, {}, ERR_NOT_FOUND},
         {"", "sleep ms=\"0\"", {}, {}, {}, ERR_MISSING_PARAM},
         {"", "sleep ms=\"0x10\" why=\"w\"", {}, {}, {"Sleeping for 16 ms - w\n"}, 0, 16},
@@ -66,8 +61,6 @@ TEST(RecipeEngine, PackagesRecipesAndCommands)
          {"Rebooting to fastboot\n"}, 0},
         {"", "power why=\"x\"", {}, {}, {}, ERR_MISSING_PARAM},
         {"", "patch filename=\"gpt.bin\" what=\"x\"", {}, {}, {}, 0}, // only the disk is patched
-        {"", "patch filename=\"disk\" what=\"crc\" start_sector=\"5\"", {ack()},
-         {"patch filename=\"disk\" what=\"crc\" start_sector=\"5\""}, {"Patching disk -- crc\n"}, 0},
         // Bad sector sizes and a missing label are refused before anything goes out.
         {R, "<program SECTOR_SIZE_IN_BYTES=\"3000\" label=\"boot\" filename=\"boot.img\"/>", {}, {}, {}, ERR_BAD_PARAM},
         {R, "<program SECTOR_SIZE_IN_BYTES=\"8192\" label=\"boot\" filename=\"boot.img\"/>", {}, {}, {}, ERR_BAD_PARAM},
@@ -100,55 +93,35 @@ TEST(RecipeEngine, PackagesRecipesAndCommands)
     });
 }
 
+// Whether backup survives a secure target is BackupScripted.SecureTargetTurnsBackupOffUnlessForced's.
 TEST(TargetBringUp, QuestionsAndFallbacks)
 {
-    struct { bool forced; std::vector<std::string> answers; const char *type, *vername; uint32_t ver; bool secure, bnr;
-             std::vector<std::string> logs; } rows[] = {
-        {false, {ack(), ack("boot_device=\"UFS-and-a-long-name\""), ack("cpu.ver=\"0x10\""), ack("cpu.vername=\"v2\""),
-                 ack("secure=\"10\"")},
-         "UFS-and-a-long-", "v2", 16, true, false, {"...board v2\n", "...secure = yes\n"}},
-        {false, {ack(), nak(), ack("cpu.ver=\"abc\""), ack("cpu.vername=\"v3\""), ack("secure=\"no\"")},
-         "eMMC", "unknown", 0, false, true,
+    struct { strings answers; const char *type, *vername; uint32_t ver; bool secure; strings logs; } rows[] = {
+        {{ack("boot_device=\"UFS-and-a-long-name\""), ack("cpu.ver=\"0x10\""), ack("cpu.vername=\"v2\""), ack("secure=\"10\"")},
+         "UFS-and-a-long-", "v2", 16, true, {"...board v2\n", "...secure = yes\n"}},
+        {{nak(), ack("cpu.ver=\"abc\""), ack("cpu.vername=\"v3\""), ack("secure=\"no\"")}, "eMMC", "unknown", 0, false,
          {"...target does support 'getvar boot_device'\n", "Could not determine storage type. Assuming eMMC...\n"}},
-        // Forced backup keeps the flag on a secure target.
-        {true,
-         {ack(), ack("boot_device=\"eMMC\""), ack("cpu.ver=\"1\""), ack("cpu.vername=\"v1\""), ack("secure=\"true\"")},
-         "eMMC", "v1", 1, true, true, {}},
     };
-    // The forced-backup switch cannot be turned off: a process of its own.
-    const std::string style = GTEST_FLAG_GET(death_test_style);
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            for (auto &r : rows) {
-                if (r.forced)
-                    rk_enable_forced_bnr();
-                fake_platform fake;
-                in_session([&] {
-                    log_capture c;
-                    device_open();
-                    device_set("cpu.name", "board");
-                    device_set_flag(DEVICE_FLAG_BNR);
-                    for (auto &a : r.answers)
-                        fake.push_bytes(a);
-                    ASSERT_NE(get_firehose(), nullptr);
-                    EXPECT_STREQ(device_get("storage.type", nullptr), r.type); // 15 characters at most
-                    EXPECT_STREQ(device_get("cpu.vername", nullptr), r.vername);
-                    EXPECT_EQ(device_getu("cpu.ver", 0), r.ver);
-                    EXPECT_EQ(device_has_flag(DEVICE_FLAG_SECURE), r.secure);
-                    EXPECT_EQ(device_has_flag(DEVICE_FLAG_BNR), r.bnr);
-                    for (auto &l : r.logs)
-                        EXPECT_TRUE(c.has(l)) << l;
-                    EXPECT_EQ(commands(fake.written),
-                              (std::vector<std::string>{"nop value=\"Hello\"", "getvar value=\"boot_device\"",
-                                                        "getvar value=\"cpu.ver\"", "getvar value=\"cpu.vername\"",
-                                                        "getvar value=\"secure\""}));
-                });
-            }
-            std::exit(testing::Test::HasFailure());
-        },
-        testing::ExitedWithCode(0), "");
-    GTEST_FLAG_SET(death_test_style, style);
+    for (auto &r : rows) {
+        fake_platform fake;
+        in_session([&] {
+            log_capture c;
+            device_open();
+            device_set("cpu.name", "board");
+            fake.push_bytes(ack());
+            for (auto &a : r.answers)
+                fake.push_bytes(a);
+            ASSERT_NE(get_firehose(), nullptr);
+            EXPECT_STREQ(device_get("storage.type", nullptr), r.type); // 15 characters at most
+            EXPECT_STREQ(device_get("cpu.vername", nullptr), r.vername);
+            EXPECT_EQ(std::tuple(device_getu("cpu.ver", 0), device_has_flag(DEVICE_FLAG_SECURE)), std::tuple(r.ver, r.secure));
+            for (auto &l : r.logs)
+                EXPECT_TRUE(c.has(l)) << l;
+            EXPECT_EQ(commands(fake.written), (strings{"nop value=\"Hello\"", "getvar value=\"boot_device\"",
+                                                       "getvar value=\"cpu.ver\"", "getvar value=\"cpu.vername\"",
+                                                       "getvar value=\"secure\""}));
+        });
+    }
 }
 
 TEST(TargetBringUp, ConfigureNegotiatesThePayload)
@@ -157,72 +130,84 @@ TEST(TargetBringUp, ConfigureNegotiatesThePayload)
         log_capture c;
         const std::string conf = "configure SkipStorageInit=\"0\" Verbose=\"0\" ZlpAwareHost=\"1\" MemoryName=\"eMMC\" "
                                  "MaxPayloadSizeToTargetInBytes=";
+        auto configure = [](const char *skip) { return firehose_do_fmt("configure SkipStorageInit=\"%s\"", skip), get_error(); };
         fake.push_all({nak("MaxPayloadSizeToTargetInBytes=\"65536\""),
                        ack("MaxPayloadSizeToTargetInBytesSupported=\"2097152\"")});
-        EXPECT_EQ((firehose_do_fmt("configure SkipStorageInit=\"0\""), get_error()), 0);
-        EXPECT_EQ(commands(fake.written), (std::vector<std::string>{conf + "\"1048576\"", conf + "\"65536\""}));
-        EXPECT_EQ(device_getu("fh.max_packet_sz", 0), 65536u);
-        EXPECT_EQ(device_getu("fh.storage_inited", 0), 1u);
+        EXPECT_EQ(configure("0"), 0);
+        EXPECT_EQ(commands(fake.written), (strings{conf + "\"1048576\"", conf + "\"65536\""}));
+        EXPECT_EQ(std::tuple(device_getu("fh.max_packet_sz", 0), device_getu("fh.storage_inited", 0)), std::tuple(65536u, 1u));
         EXPECT_FALSE(c.has("Target NAK!\n"));
         EXPECT_TRUE(c.has("Performance could be improved as target supports a larger payload size (2097152 "
                           "bytes) then what the host could support (65536 bytes)\n"));
         // Storage is set up: a second configure goes nowhere and counts as done.
         fake.written.clear();
-        EXPECT_EQ((firehose_do_fmt("configure SkipStorageInit=\"0\""), get_error()), 0);
+        EXPECT_EQ(configure("0"), 0);
         EXPECT_TRUE(fake.written.empty());
         // A NAK without a proposal, and a second NAK.
         device_unset("fh.storage_inited");
-        fake.push_bytes(nak());
-        EXPECT_EQ((firehose_do_fmt("configure SkipStorageInit=\"1\""), get_error()) & 0xFF, ERR_BAD_RESPONSE);
-        fake.push_all({nak("MaxPayloadSizeToTargetInBytes=\"9999999\""), nak()});
+        fake.push_all({nak(), nak("MaxPayloadSizeToTargetInBytes=\"9999999\""), nak()});
+        EXPECT_EQ(configure("1") & 0xFF, ERR_BAD_RESPONSE);
         fake.written.clear();
-        EXPECT_EQ((firehose_do_fmt("configure SkipStorageInit=\"1\""), get_error()) & 0xFF, ERR_NAK);
+        EXPECT_EQ(configure("1") & 0xFF, ERR_NAK);
         // The stored size wins; the cap holds on the second offer.
-        EXPECT_EQ(attr_of(fake.written, "configure", "MaxPayloadSizeToTargetInBytes"),
-                  (std::vector<std::string>{"65536", "1048576"}));
+        EXPECT_EQ(attr_of(fake.written, "configure", "MaxPayloadSizeToTargetInBytes"), (strings{"65536", "1048576"}));
         EXPECT_EQ(device_getu("fh.max_packet_sz", 0), 65536u);
+    });
+}
+
+// A target that does not come back from a power cycle is awaited a minute from the reset.
+TEST(Provisioning, PowerCycleAwaitsTheTargetAMinute)
+{
+    with_link([&](fake_platform &fake) {
+        test_container c("c.img", {{"p.elf", "p"}});
+        firehose_set_input(c.handle);
+        device_set("sahara.programmer", "p.elf");
+        fake.push_bytes(ack());
+        fake.open_fails = true;
+        double t0 = fake.clock;
+        EXPECT_EQ(power_cycle() & 0xFF, ERR_OPEN_DEVICE);
+        EXPECT_EQ(commands(fake.written), strings{"power value=\"reset\""});
+        EXPECT_GE(fake.clock - t0, 60.0);
+        EXPECT_LT(fake.clock - t0, 61.0);
+        firehose_set_input(nullptr);
     });
 }
 
 TEST(ImageTransfer, ProgramSendsTheEntryPaddedToSectors)
 {
+    // Entries missing or unnamed are passed over.
+    const std::string boot = "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" filename=\"boot.img\" "
+                             "physical_partition_number=\"0\" start_sector=\"34\" num_partition_sectors=",
+                      rest = "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"x\" filename=\"none.img\"/>"
+                             "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"y\" filename=\"\"/>";
     with_link([&](fake_platform &fake) {
         device_setu("fh.max_packet_sz", 512);
         for (size_t size : {1000u, 512u}) {
             std::string image = pattern(size, 2);
             fake.written.clear();
             fake.push_all({raw_ack(), ack()});
-            EXPECT_EQ(run_package("<recipe filename=\"r.xml\"/>",
-                                  {{"boot.img", image},
-                                   {"r.xml", "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" "
-                                             "filename=\"boot.img\" physical_partition_number=\"0\" "
-                                             "start_sector=\"34\" num_partition_sectors=\"9\"/>"
-                                             "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"x\" filename=\"none.img\"/>"
-                                             "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"y\" filename=\"\"/>"}}),
-                      0);
-            EXPECT_EQ(fake.written, "<?xml version=\"1.0\"?><data><program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" "
-                                    "filename=\"boot.img\" physical_partition_number=\"0\" start_sector=\"34\" "
-                                    "num_partition_sectors=\"" + std::to_string((size + 511) / 512) + "\"/></data>" +
-                                        image + std::string(-size % 512, '\0'));
+            EXPECT_EQ(run_package("<recipe filename=\"r.xml\"/>", {{"boot.img", image}, {"r.xml", boot + "\"9\"/>" + rest}}), 0);
+            EXPECT_EQ(fake.written, "<?xml version=\"1.0\"?><data>" + boot + "\"" + std::to_string((size + 511) / 512) +
+                                        "\"/></data>" + image + std::string(-size % 512, '\0'));
         }
     });
 }
 
 TEST(ImageTransfer, ProgramFromMemoryAndDumpBack)
 {
+    const std::string dump20 = "dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"20\" save_to=\"buffer\"",
+                      dump1 = "dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"1\"";
     with_link([&](fake_platform &fake) {
         device_setu("fh.max_packet_sz", 4096);
         std::string data = pattern(10240, 3), back(10240, '\0');
         fake.push_all({raw_ack(), ack()});
         EXPECT_EQ(to_buffer("program SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"20\" load_from=\"BUFFER\"",
                             data.data()), 0);
-        // Raw chunks go out as they are, 4096 + 4096 + 2048.
         EXPECT_EQ(fake.written.substr(fake.written.size() - 10240), data);
         // dump: an 8-byte request per chunk, the full size every time.
         fake.written.clear();
         fake.push_all({raw_ack(), data.substr(0, 4096), data.substr(4096, 4096), data.substr(8192)});
-        EXPECT_EQ(to_buffer("dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"20\" save_to=\"buffer\"",
-                            back.data()), 0);
+        EXPECT_EQ(to_buffer(dump20, back.data()), 0);
         EXPECT_EQ(back, data);
         std::string request("DATA\x00\x10\x00\x00", 8);
         EXPECT_EQ(fake.written.substr(fake.written.size() - 24), request + request + request);
@@ -230,11 +215,9 @@ TEST(ImageTransfer, ProgramFromMemoryAndDumpBack)
         device_setu("fh.max_packet_sz", 0x1000000);
         fake.written.clear();
         fake.push_all({raw_ack(), data});
-        EXPECT_EQ(to_buffer("dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"20\" save_to=\"buffer\"",
-                            back.data()), 0);
+        EXPECT_EQ(to_buffer(dump20, back.data()), 0);
         EXPECT_EQ(fake.written.substr(fake.written.size() - 8), std::string("DATA\x00\x00\x00\x01", 8));
         // A chunk size that is no multiple of the sector size is refused; a stalled target fails the dump.
-        const std::string dump1 = "dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"1\"";
         device_setu("fh.max_packet_sz", 1000);
         EXPECT_EQ(to_buffer(dump1, back.data()) & 0xFF, ERR_BAD_PARAM);
         device_setu("fh.max_packet_sz", 512);
@@ -246,40 +229,35 @@ TEST(ImageTransfer, ProgramFromMemoryAndDumpBack)
 
 TEST(ImageTransfer, ReadShrinksGrowsAndOutlastsRefusals)
 {
+    auto read = [](int start, int n, void *out) {
+        return to_buffer("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"" + std::to_string(start) +
+                         "\" num_partition_sectors=\"" + std::to_string(n) + "\"", out);
+    };
     with_link([&](fake_platform &fake) {
         std::string out(64 * 16, '\0'), disk = pattern(64 * 16, 4);
-        // First attempt: ACK, then only part of the data, and silence.
+        // First attempt: ACK, then only part of the data, and silence; then
+        // chunks of 16, 32, 16 (the rest) sectors succeed.
         fake.push_all({ack(), disk.substr(0, 100)});
         fake.push_idle(10); // one whole empty device read
-        // Then chunks of 16, 32, 16 (the rest) sectors succeed.
-        size_t at = 0;
-        for (size_t count : {16u, 32u, 16u}) {
-            fake.push_all({ack(), disk.substr(at, count * 16), ack()});
-            at += count * 16;
-        }
+        for (auto [at, count] : {std::pair{0, 16}, {16, 32}, {48, 16}})
+            fake.push_all({ack(), disk.substr(at * 16, count * 16), ack()});
         log_capture c;
-        EXPECT_EQ(to_buffer("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"100\" num_partition_sectors=\"64\"",
-                            out.data()), 0);
+        EXPECT_EQ(read(100, 64, out.data()), 0);
         EXPECT_EQ(out, disk);
-        EXPECT_EQ(attr_of(fake.written, "read", "start_sector"),
-                  (std::vector<std::string>{"100", "100", "116", "148"}));
-        EXPECT_EQ(attr_of(fake.written, "read", "num_partition_sectors"),
-                  (std::vector<std::string>{"64", "16", "32", "16"}));
+        EXPECT_EQ(attr_of(fake.written, "read", "start_sector"), (strings{"100", "100", "116", "148"}));
+        EXPECT_EQ(attr_of(fake.written, "read", "num_partition_sectors"), (strings{"64", "16", "32", "16"}));
         EXPECT_TRUE(c.has("...retry\n"));
-        EXPECT_EQ(to_buffer("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"0\" num_partition_sectors=\"1\"",
-                            out.data()) & 0xFF, ERR_BAD_PARAM);
-
+        EXPECT_EQ(read(0, 1, out.data()) & 0xFF, ERR_BAD_PARAM);
         // The chunk stays whole through sixteen refusals; the seventeenth ends it.
-        const std::string read4 = "read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"8\" num_partition_sectors=\"4\"";
         for (int i = 0; i < 16; i++)
             fake.push_bytes(nak());
         fake.push_all({ack(), disk.substr(0, 64), ack()});
         fake.written.clear();
-        EXPECT_EQ(to_buffer(read4, out.data()), 0);
+        EXPECT_EQ(read(8, 4, out.data()), 0);
         EXPECT_EQ(out.substr(0, 64), disk.substr(0, 64));
-        EXPECT_EQ(attr_of(fake.written, "read", "num_partition_sectors"), std::vector<std::string>(17, "4"));
+        EXPECT_EQ(attr_of(fake.written, "read", "num_partition_sectors"), strings(17, "4"));
         for (int i = 0; i < 17; i++)
             fake.push_bytes(nak());
-        EXPECT_EQ(to_buffer(read4, out.data()) & 0xFF, ERR_NAK);
+        EXPECT_EQ(read(8, 4, out.data()) & 0xFF, ERR_NAK);
     });
 }

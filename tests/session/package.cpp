@@ -1,9 +1,6 @@
 // Choosing the board and the package from a container's index.
 #include <gtest/gtest.h>
 
-#include "core/core.h"
-#include "link/device.h"
-#include "link/properties.h"
 #include "session/package.h"
 #include "support/firehose.h"
 

@@ -8,33 +8,29 @@
 
 using namespace ravik;
 using namespace ravik::test;
-
 using strings = std::vector<std::string>;
 
 TEST(StorageDiscovery, FactsLimitsAndWordings)
 {
-    const std::string anchored[] = {"x Device Block Size in Bytes: 0x1000", "INFO: Device Block Size in Bytes: 0x200",
-                                    "num_physical_partitions=1", "size Device Total Logical Blocks: 0x9",
-                                    "Device Total Logical Blocks: 0x10"};
-    // One answer per LUN asked, and what discovery makes of them.
+    // One answer per LUN asked ("": eight LUNs of 64 sectors), and what discovery makes of them.
     struct { std::vector<strings> infos; int code; uint32_t blksz = 0; int type = 0; uint64_t size = 0;
              const char *part = nullptr; strings logs = {}; } rows[] = {
         // Hexadecimal in the first wording, whatever the prefix.
-        {{{"Device Block Size in Bytes: 200", "Device Total Physical Paritions: 1",
-           "Device Total Logical Blocks: 1000"}},
+        {{{"Device Block Size in Bytes: 200", "Device Total Physical Paritions: 1", "Device Total Logical Blocks: 1000"}},
          0, 512, STORAGE_EMMC, 0x1000ull * 512},
         {{{"SECTOR_SIZE_IN_BYTES=4096", "num_physical_partitions=1", "num_partition_sectors=1000",
            "UFS Inquiry Command Output: SIMDISK  UFS  0100"}},
          0, 4096, STORAGE_UFS, 1000ull * 4096, "SIMDISK  UFS  0100",
          {"...blksz = 4096\n", "...part  = \"SIMDISK  UFS  0100\"\n"}},
         // A pattern in the middle of a value does not match; the one in the next line does.
-        {{strings(std::begin(anchored), std::end(anchored))}, 0, 512, STORAGE_EMMC, 16 * 512},
+        {{{"x Device Block Size in Bytes: 0x1000", "INFO: Device Block Size in Bytes: 0x200", "num_physical_partitions=1",
+           "size Device Total Logical Blocks: 0x9", "Device Total Logical Blocks: 0x10"}},
+         0, 512, STORAGE_EMMC, 16 * 512},
         {{{"SECTOR_SIZE_IN_BYTES=512 num_physical_partitions=1", "num_partition_sectors=100"}}, ERR_BAD_RESPONSE},
         {{info_lines(0, 512, 9, 100)}, ERR_GENERAL}, // nine LUNs are too many
         {{info_lines(0, 1024, 1, 100)}, ERR_BAD_RESPONSE},
         {{info_lines(2, 512, 1, 0)}, ERR_BAD_RESPONSE},
-        {{info_lines(2, 512, 2, 64), {"nothing here"}}, ERR_GENERAL, 0, 0, 0, nullptr,
-         {"size of LUN #1 not detected!\n"}},
+        {{info_lines(2, 512, 2, 64), {"nothing here"}}, ERR_GENERAL, 0, 0, 0, nullptr, {"size of LUN #1 not detected!\n"}},
         {std::vector<strings>(8, {""}), 0, 512, STORAGE_EMMC, 64 * 512}, // eight are fine
     };
     for (auto &r : rows)
@@ -79,45 +75,39 @@ TEST(StorageDiscovery, RefusalMarksProvisioningAndEachFailureAsksAnew)
 
 TEST(StorageDiscovery, TablesUpToTheFirstLunWithoutAndRediscovery)
 {
-    auto two = [](const std::string &a, const std::string &b) {
-        return make_gpt({{a, 40, 99, 1u << 5}, {b, 100, 199}}, 4096, 1000);
-    };
+    auto two = [](const char *a, const char *b) { return make_gpt({{a, 40, 99, 1u << 5}, {b, 100, 199}}, 4096, 1000); };
     with_link([&](fake_platform &fake) {
         push_discovery(fake, 4096, {{1000, two("boot", "data")}, {1000, std::nullopt}, {1000, two("boot", "late")}});
+        log_capture c;
         ASSERT_EQ(storage_init(), 0);
         pt *boot = pt_find("boot", -1);
         ASSERT_NE(boot, nullptr);
-        EXPECT_EQ(std::tuple(pt_lun(boot), boot->offset, pt_size(boot), pt_needs_bnr(boot)),
-                  std::tuple(0, 40ull * 4096, 60ull * 4096, true));
-        EXPECT_FALSE(pt_needs_bnr(pt_find("data", 0)));
+        EXPECT_EQ(std::tuple(pt_lun(boot), boot->offset, pt_size(boot), pt_needs_bnr(boot), pt_needs_bnr(pt_find("data", 0))),
+                  std::tuple(0, 40ull * 4096, 60ull * 4096, true, false));
         EXPECT_EQ(and_code(pt_find("late", -1)), std::tuple((pt *)nullptr, (int)ERR_NOT_FOUND));
         // No table was asked of LUN 2.
         EXPECT_EQ(attr_of(fake.written, "dump", "physical_partition_number"), (strings{"0", "0", "1"}));
         int count = 0;
         EXPECT_EQ(pt_forall(-1, [](pt *, void *n) { return ++*static_cast<int *>(n), 0; }, &count), 0);
         EXPECT_EQ(count, 2);
+        device_broadcast(DEVICE_EVENT_SAVE_LOGS, nullptr);
+        for (auto &l : strings{"STORAGE {\n", "  type = \"UFS\",\n", "  blksz = 4096 (0x1000),\n", "  luns[00] = {\n",
+                               "    ptable[00] = { attrs.needs_bnr = 1, offset =     160K, size =     240K, "
+                               "name = \"boot\" },\n"})
+            EXPECT_TRUE(c.has(l)) << l;
 
         // Invalidate only marks; the next use asks again, without configure.
         // The target now claims 512-byte sectors: the block size stays, the table is new.
         storage *first = get_storage();
-        ASSERT_NE(first, nullptr);
         fake.written.clear();
         storage_invalidate();
         EXPECT_TRUE(fake.written.empty());
         fake.push_bytes(answer("value=\"ACK\"", info_lines(0, 512, 1, 1000)));
         push_table(fake, make_gpt({{"c", 40, 99}}, 4096, 1000));
         ASSERT_EQ(storage_init(), 0);
-        EXPECT_EQ(std::tuple(get_storage(), first->blksz, pt_find("boot", -1)),
-                  std::tuple(first, 4096u, (pt *)nullptr));
-        EXPECT_NE(pt_find("c", 0), nullptr);
+        EXPECT_EQ(std::tuple(get_storage(), storage_blksz(), pt_find("boot", -1) == nullptr, pt_find("c", 0) != nullptr),
+                  std::tuple(first, 4096u, true, true));
         EXPECT_EQ(commands(fake.written).front().rfind("getStorageInfo", 0), 0u);
-
-        log_capture c;
-        device_broadcast(DEVICE_EVENT_SAVE_LOGS, nullptr);
-        for (auto &l : strings{"STORAGE {\n", "  type = \"UFS\",\n", "  blksz = 4096 (0x1000),\n", "  luns[00] = {\n",
-                               "    ptable[00] = { attrs.needs_bnr = 0, offset =     160K, size =     240K, "
-                               "name = \"c\" },\n"})
-            EXPECT_TRUE(c.has(l)) << l;
     });
 }
 
@@ -139,9 +129,8 @@ TEST(StorageAccess, SeekReadAndTheirRules)
         }
         // Unaligned, too long, past the end, nothing: refused before anything goes out, position kept.
         char buf[4096];
-        struct { uint32_t n; int code; } reads[] = {{100, ERR_BAD_PARAM}, {2048, ERR_RANGE}, {0, 0}};
-        for (auto &k : reads)
-            EXPECT_EQ(and_code(pt_read(p, buf, k.n)), std::tuple(0u, k.code));
+        for (auto [n, code] : {std::pair{100u, (int)ERR_BAD_PARAM}, {2048u, (int)ERR_RANGE}, {0u, 0}})
+            EXPECT_EQ(and_code(pt_read(p, buf, n)), std::tuple(0u, code));
         EXPECT_EQ(p->pos, 2560u);
         EXPECT_TRUE(fake.written.empty());
         // Exactly the rest: one dump at the right sector, into the buffer.
@@ -191,16 +180,13 @@ TEST(StorageAccess, ErasesRunTheWholeWidthAndHighestLunWins)
 {
     with_link([&](fake_platform &fake) {
         // 16 GiB LUNs; "big" begins at 5 GiB and is 4 GiB and 1 MiB long.
-        const uint64_t sectors = 4ull << 20, big = 5ull << 18, big_len = ((4ull << 30) + (1 << 20)) / 4096;
-        push_discovery(fake, 4096,
-                       {{sectors, make_gpt({{"big", big, big + big_len - 1}, {"mid", 256, 639}, {"dup", 100, 101}},
-                                           4096, sectors)},
-                        {sectors, make_gpt({{"other", 100, 101}}, 4096, sectors)},
-                        {sectors, make_gpt({{"dup", 200, 201}}, 4096, sectors)}});
-        EXPECT_EQ(pt_lun(pt_find("dup", -1)), 2);
-        EXPECT_EQ(pt_lun(pt_find("dup", 0)), 0);
-        EXPECT_EQ(pt_find("dup", 1), nullptr);
-        EXPECT_EQ(get_error() & 0xFF, ERR_NOT_FOUND);
+        const uint64_t n = 4ull << 20, big = 5ull << 18, big_len = ((4ull << 30) + (1 << 20)) / 4096;
+        push_discovery(fake, 4096, {{n, make_gpt({{"big", big, big + big_len - 1}, {"mid", 256, 639}, {"dup", 100, 101}},
+                                                 4096, n)},
+                                    {n, make_gpt({{"other", 100, 101}}, 4096, n)},
+                                    {n, make_gpt({{"dup", 200, 201}}, 4096, n)}});
+        EXPECT_EQ(std::tuple(pt_lun(pt_find("dup", -1)), pt_lun(pt_find("dup", 0))), std::tuple(2, 0));
+        EXPECT_EQ(and_code(pt_find("dup", 1)), std::tuple((pt *)nullptr, (int)ERR_NOT_FOUND));
         // 1.5 MiB: 1 MiB, then the half.
         fake.written.clear();
         fake.push_all({raw_ack(), ack(), raw_ack(), ack()});
@@ -238,11 +224,11 @@ TEST(Gpt, HeaderChecks)
     with_link([&](fake_platform &fake) {
         blank_lun(fake);
         const std::string h = make_gpt({{"a", 10, 20}}, 4096, 1000).header;
+        std::string bad_crc = h;
+        bad_crc[16] ^= 1;
         struct { int lun; std::string header; uint32_t length; bool ok; } rows[] = {
-            {0, h, 4096, true},
-            {0, h, 91, false},
-            {0, with(h, 12, 4, 91), 4096, false},
-            {0, with(h, 12, 4, 4097), 4096, false},
+            {0, h, 4096, true}, {0, h, 91, false}, {0, bad_crc, 4096, false},
+            {0, with(h, 12, 4, 91), 4096, false}, {0, with(h, 12, 4, 4097), 4096, false},
             {0, with(h, 12, 4, 4096), 4096, true},
             {0, with(h, 24, 8, 2), 4096, false},    // a backup header's own LBA
             {0, with(h, 48, 8, 1000), 4096, false}, // last usable at the end
@@ -250,17 +236,13 @@ TEST(Gpt, HeaderChecks)
             {0, with(h, 40, 8, 5), 4096, false},    // array does not fit before it
             {0, with(h, 72, 8, 0), 4096, false},
             // A LUN that does not exist has no room, unless the skip applies.
-            {3, h, 4096, false},
-            {3, with(h, 48, 8, 0), 4096, true},
+            {3, h, 4096, false}, {3, with(h, 48, 8, 0), 4096, true},
         };
-        for (auto &r : rows)
+        for (auto &r : rows) {
+            const std::string before = r.header;
             EXPECT_EQ(validate_header(r.lun, r.header.data(), r.length) & 0xFF, r.ok ? 0 : ERR_INVALID) << &r - rows;
-        // Only the CRC wrong: refused, and the memory keeps its CRC.
-        std::string bad = h;
-        bad[16] ^= 1;
-        const std::string before = bad;
-        EXPECT_EQ(validate_header(0, bad.data(), 4096) & 0xFF, ERR_INVALID);
-        EXPECT_EQ(bad, before);
+            EXPECT_EQ(r.header, before) << &r - rows; // the CRC field is put back
+        }
         EXPECT_TRUE(fake.written.empty());
     });
 }
@@ -281,13 +263,9 @@ TEST(Gpt, HostileTablesAreRefusedBeforeTheyAreRead)
         past.header = with(past.header, at, at == 80 ? 4 : 8, v);
     struct { gpt_bytes table; int code; strings dumps; } rows[] = {
         // Counts and sizes that would make a huge array, with sound CRCs: refused on the header alone.
-        {counts(0xFFFFFFFF, 128), ERR_INVALID, {"1"}},
-        {counts(2, 0x80000000), ERR_INVALID, {"1"}},
-        {counts(8193, 128), ERR_INVALID, {"1"}},
-        {counts(1, 64), ERR_INVALID, {"1"}},
-        {crc, ERR_INVALID, {"1"}},
-        {array, ERR_INVALID, {"1", "4"}},
-        {past, ERR_RANGE, {"1"}},
+        {counts(0xFFFFFFFF, 128), ERR_INVALID, {"1"}}, {counts(2, 0x80000000), ERR_INVALID, {"1"}},
+        {counts(8193, 128), ERR_INVALID, {"1"}}, {counts(1, 64), ERR_INVALID, {"1"}},
+        {crc, ERR_INVALID, {"1"}}, {array, ERR_INVALID, {"1", "4"}}, {past, ERR_RANGE, {"1"}},
     };
     for (auto &r : rows)
         with_link([&](fake_platform &fake) {
@@ -316,43 +294,30 @@ TEST(Gpt, ReadsASoundTableToItsEnd)
         int rest = 0;
         while (gpt_read())
             rest++;
-        EXPECT_EQ(rest, 127);
-        EXPECT_EQ(get_error() & 0xFF, ERR_RANGE);
+        EXPECT_EQ(and_code(rest), std::tuple(127, (int)ERR_RANGE));
         gpt_close();
         gpt_close();
-        EXPECT_EQ(gpt_read(), nullptr);
-        EXPECT_EQ(get_error() & 0xFF, ERR_GENERAL);
+        EXPECT_EQ(and_code(gpt_read()), std::tuple((gpt_slot *)nullptr, (int)ERR_GENERAL));
     });
 }
 
-TEST(Gpt, FlashFitsTheImageToTheLun)
+// Refusals, before anything is written; the image fitted to its LUN is
+// Roads.ByNameWithWipeTableReinitAndNestedContainer's.
+TEST(Gpt, FlashRefusesAnImageThatDoesNotFit)
 {
     with_link([&](fake_platform &fake) {
         blank_lun(fake);
-        std::string image =
-            make_gpt({{"x", 10, 19}, {"y", 20, 29}, {"z", 30, 31}}, 4096, 50, 3, 128, false).image(4096);
-        fake.push_all({raw_ack(), ack(), raw_ack(), ack(), raw_ack(), ack()});
-        ASSERT_EQ(gpt_flash(0, image.data(), (uint32_t)image.size()), 0);
-        // Primary copy, backup array, backup header.
-        EXPECT_EQ(attr_of(fake.written, "program", "start_sector"), (strings{"0", "995", "999"}));
-        EXPECT_EQ(attr_of(fake.written, "program", "num_partition_sectors"), (strings{"3", "1", "1"}));
-        // The buffer holds the backup header now, and the grown last slot.
-        std::string h = image.substr(4096, 4096), array = image.substr(8192);
-        EXPECT_EQ(std::tuple(le(h, 24, 8), le(h, 32, 8), le(h, 72, 8), le(h, 48, 8)), std::tuple(999, 1, 995, 994));
-        EXPECT_EQ(std::tuple(le(array, 2 * 128 + 40, 8), le(array, 1 * 128 + 40, 8)), std::tuple(994, 29));
-        EXPECT_EQ(le(h, 88, 4), ref_crc32(array.data(), 3 * 128));
-        EXPECT_EQ(h, with(h, 16, 4, 0));
-
-        // An empty slot starts at 0, inside the image; too short; array elsewhere; no LUN: nothing is written.
-        fake.written.clear();
-        std::string hole = make_gpt({{"x", 10, 19}}, 4096, 50, 2, 128, false).image(4096);
-        EXPECT_EQ(gpt_flash(0, hole.data(), (uint32_t)hole.size()) & 0xFF, ERR_RANGE);
-        image = make_gpt({{"x", 10, 19}}, 4096, 50, 1, 128, false).image(4096);
-        EXPECT_EQ(gpt_flash(0, image.data(), 8191) & 0xFF, ERR_INVALID);
-        EXPECT_EQ(gpt_flash(0, image.data(), 8192) & 0xFF, ERR_INVALID);
-        std::string moved = image.substr(0, 4096) + with(image.substr(4096, 4096), 72, 8, 3) + image.substr(8192);
-        EXPECT_EQ(gpt_flash(0, moved.data(), (uint32_t)moved.size()) & 0xFF, ERR_INVALID);
-        EXPECT_EQ(gpt_flash(-1, image.data(), (uint32_t)image.size()) & 0xFF, ERR_RANGE);
+        auto image = [](uint32_t entries) {
+            return make_gpt({{"x", 10, 19}}, 4096, 50, entries, 128, false).image(4096);
+        };
+        // An empty slot starts at 0, inside the image; too short; array elsewhere; no LUN.
+        std::string hole = image(2), one = image(1);
+        std::string moved = one.substr(0, 4096) + with(one.substr(4096, 4096), 72, 8, 3) + one.substr(8192);
+        struct { int lun; std::string &bytes; uint32_t size; int code; } rows[] = {
+            {0, hole, (uint32_t)hole.size(), ERR_RANGE}, {0, one, 8191, ERR_INVALID}, {0, one, 8192, ERR_INVALID},
+            {0, moved, (uint32_t)moved.size(), ERR_INVALID}, {-1, one, (uint32_t)one.size(), ERR_RANGE}};
+        for (auto &r : rows)
+            EXPECT_EQ(gpt_flash(r.lun, r.bytes.data(), r.size) & 0xFF, r.code) << &r - rows;
         EXPECT_TRUE(fake.written.empty());
     });
 }

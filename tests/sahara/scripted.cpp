@@ -1,4 +1,5 @@
-// Greeting and identification against a scripted boot ROM.
+// Against a scripted boot ROM: the greeting, the chip's identification and
+// the programmer's upload, where the target asks for ranges.
 #include <gtest/gtest.h>
 
 #include "core/core.h"
@@ -43,8 +44,7 @@ TEST(SaharaGreeting, WaysToTheChipId)
              int reopens = 0; } rows[] = {
         // The hardware id's bits 12 to 27.
         {false, greeting(3, {{1, u32s({0xCAFEF00D})}, {2, u32s({~0u, 0x12345678})}, {7, u32s({0x10002})}}), 0x2345,
-         0x10002, cmd_mode + execs({1, 2, 7}),
-         {"...cpu.id  = 9029 (0x2345)\n", "...cpu.sn  = 3405705229 (0xcafef00d)\n"}},
+         0x10002, cmd_mode + execs({1, 2, 7}), {"...cpu.id  = 9029 (0x2345)\n", "...cpu.sn  = 3405705229 (0xcafef00d)\n"}},
         // Embedded in the serial number.
         {false, greeting(2, {{1, u32s({7, 0xA0B0C})}}), 0xA0B0C, 0, cmd_mode + execs({1}), {}},
         {false, greeting(2, {{1, u32s({7, 0})}, {2, u32s({0, 0x0ABCD000})}, {7, u32s({1})}}), 0xABCD, 1,
@@ -127,4 +127,56 @@ TEST(SaharaGreeting, FailuresAndRetries)
                 __buffer_release();
         });
     EXPECT_STREQ(format_error(255), "Unknown sahara error");
+}
+
+TEST(SaharaDownload, ServesRangesInAnyOrderAndTwice)
+{
+    const std::string image = pattern(10000, 1);
+    // Held mode 3: switched by command; 0 (after a reset): the target greets first.
+    for (uint32_t mode : {3u, 0u})
+        with_open_device([&](fake_platform &fake) {
+            device_setu("sahara.current_mode", mode);
+            fake.push_all({hello(0), read_data(4096, 4096), read_data(0, 52), read_data_64(0xFFFFFFFFFFull, 9000, 1000),
+                           read_data(0, 52), read_data(10000, 0), // ends exactly at the image end: nothing to send
+                           end_image(0), done_resp(1)});
+            ASSERT_EQ(sahara_download(image.data(), (uint32_t)image.size()), 0);
+            EXPECT_EQ(fake.written, (mode ? words(12, {0}) : "") + hello_resp(0) + image.substr(4096, 4096) +
+                                        image.substr(0, 52) + image.substr(9000) + image.substr(0, 52) + words(5, {}));
+            EXPECT_EQ(device_getu("sahara.current_mode", 99), 99u); // 0 reads as the default
+        });
+}
+
+TEST(SaharaDownload, Failures)
+{
+    const std::string H = hello(0), huge = "data chunk >= 4GB not supported\n";
+    // quiet: nothing of the image went out, nor DONE.
+    struct { std::vector<std::string> in; std::deque<uint32_t> caps; int code; std::string log = "", chain = "";
+             bool quiet = false; } rows[] = {
+        {{}, {}, ERR_IO, "", "sahara_download()->change_mode()->do_hello()->IO error", true}, // no greeting
+        {{H, end_image(5)}, {}, 133, "", "sahara_download()->Invalid packet size received", true},
+        {{H, end_image(0), done_resp(2)}, {}, ERR_GENERAL},
+        {{H, end_image(0), read_data(0, 8)}, {}, ERR_GENERAL, "Unexpected command, expecting 6, got 3 instead.\n"},
+        {{H, read_data(0, 10), H}, {}, ERR_GENERAL, "Unexpected command, expecting 3 or 18 or 4, got 1 instead.\n"},
+        {{H, read_data(0, 10)}, {UINT32_MAX, UINT32_MAX, 5}, ERR_IO}, // part of the range only
+        {{H, read_data(0, 10001)}, {}, ERR_RANGE, "", "", true},
+        {{H, read_data(0xFFFFFFF0u, 0x20)}, {}, ERR_RANGE, "", "", true},
+        {{H, read_data_64(0, 0, 1ull << 32)}, {}, ERR_RANGE, huge, "", true},
+        {{H, read_data_64(0, 1ull << 32, 1)}, {}, ERR_RANGE, huge, "", true},
+        {{H, read_data_64(0, 0xFFFFFFFFull, 0xFFFFFFFFull)}, {}, ERR_RANGE, "", "", true},
+    };
+    const std::string image = pattern(10000, 1);
+    for (auto &r : rows)
+        with_open_device([&](fake_platform &fake) {
+            log_capture c;
+            device_setu("sahara.current_mode", 3);
+            for (auto &p : r.in)
+                fake.push_bytes(p);
+            fake.write_caps = r.caps;
+            int32_t code = sahara_download(image.data(), (uint32_t)image.size());
+            EXPECT_EQ(code & 0xFF, r.code) << r.in.size();
+            EXPECT_TRUE(r.chain.empty() || format_error(code) == r.chain) << format_error(code);
+            EXPECT_TRUE(r.log.empty() || c.has(r.log)) << r.log;
+            EXPECT_EQ(c.has(huge), r.log == huge);
+            EXPECT_TRUE(!r.quiet || fake.written == words(12, {0}) + (r.in.empty() ? "" : hello_resp(0)));
+        });
 }
