@@ -25,10 +25,7 @@ inline std::vector<std::string> info_lines(int wording, uint32_t blksz, uint32_t
     return out;
 }
 
-struct lun_script {
-    uint64_t sectors;
-    std::optional<gpt_bytes> gpt; // none: a LUN whose LBA 1 is blank
-};
+struct lun_script { uint64_t sectors; std::optional<gpt_bytes> gpt; }; // no table: LBA 1 is blank
 
 // The dumps of one table as the host asks for them: header, then array.
 inline void push_table(fake_platform &fake, const gpt_bytes &g)

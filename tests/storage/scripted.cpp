@@ -2,6 +2,8 @@
 // wordings and of the tables, partition and LUN access, GPT checks.
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "storage/gpt.h"
 #include "storage/script.h"
 #include "storage/storage.h"
@@ -87,9 +89,6 @@ TEST(StorageDiscovery, TablesUpToTheFirstLunWithoutAndRediscovery)
         EXPECT_EQ(and_code(pt_find("late", -1)), std::tuple((pt *)nullptr, (int)ERR_NOT_FOUND));
         // No table was asked of LUN 2.
         EXPECT_EQ(attr_of(fake.written, "dump", "physical_partition_number"), (strings{"0", "0", "1"}));
-        int count = 0;
-        EXPECT_EQ(pt_forall(-1, [](pt *, void *n) { return ++*static_cast<int *>(n), 0; }, &count), 0);
-        EXPECT_EQ(count, 2);
         device_broadcast(DEVICE_EVENT_SAVE_LOGS, nullptr);
         for (auto &l : strings{"STORAGE {\n", "  type = \"UFS\",\n", "  blksz = 4096 (0x1000),\n", "  luns[00] = {\n",
                                "    ptable[00] = { attrs.needs_bnr = 1, offset =     160K, size =     240K, "
@@ -111,95 +110,68 @@ TEST(StorageDiscovery, TablesUpToTheFirstLunWithoutAndRediscovery)
     });
 }
 
-TEST(StorageAccess, SeekReadAndTheirRules)
-{
-    with_link([&](fake_platform &fake) {
-        push_discovery(fake, 512, {{4096, make_gpt({{"p", 64, 71}}, 512, 4096)}});
-        pt *p = pt_find("p", 0);
-        ASSERT_NE(p, nullptr);
-        ASSERT_EQ(pt_size(p), 4096u);
-        fake.written.clear();
-        struct { int64_t offset; int whence, code; uint64_t pos; } seeks[] = {
-            {0, 2, ERR_RANGE, 0}, {4096, 0, ERR_RANGE, 0}, {-1, 0, ERR_RANGE, 0}, {0, 3, ERR_RANGE, 0},
-            {-512, 2, 0, 3584}, {-1024, 1, 0, 2560}};
-        for (auto &k : seeks) {
-            uint64_t before = p->pos;
-            EXPECT_EQ(pt_seek(p, k.offset, k.whence) & 0xFF, k.code);
-            EXPECT_EQ(p->pos, k.code ? before : k.pos);
-        }
-        // Unaligned, too long, past the end, nothing: refused before anything goes out, position kept.
-        char buf[4096];
-        for (auto [n, code] : {std::pair{100u, (int)ERR_BAD_PARAM}, {2048u, (int)ERR_RANGE}, {0u, 0}})
-            EXPECT_EQ(and_code(pt_read(p, buf, n)), std::tuple(0u, code));
-        EXPECT_EQ(p->pos, 2560u);
-        EXPECT_TRUE(fake.written.empty());
-        // Exactly the rest: one dump at the right sector, into the buffer.
-        fake.push_all({raw_ack(), std::string(1536, 'r')});
-        EXPECT_EQ(pt_read(p, buf, 1536), 1536u);
-        EXPECT_EQ(std::tuple(std::string(buf, 1536), p->pos), std::tuple(std::string(1536, 'r'), (uint64_t)4096));
-        EXPECT_EQ(attr_of(fake.written, "dump", "start_sector"), strings{"69"});
-        EXPECT_EQ(attr_of(fake.written, "dump", "num_partition_sectors"), strings{"3"});
-        EXPECT_EQ(and_code(pt_read(p, buf, 1)), std::tuple(0u, (int)ERR_RANGE));
-        // A LUN number out of range never reaches the target.
-        size_t sent = fake.written.size();
-        EXPECT_EQ(and_code(lun_read(1, buf, 512)), std::tuple(0u, (int)ERR_RANGE));
-        EXPECT_EQ(lun_seek(-1, 0, 0) & 0xFF, ERR_RANGE);
-        EXPECT_EQ(fake.written.size(), sent);
-        EXPECT_TRUE(pt_size(nullptr) == 0 && pt_name(nullptr) == nullptr && !pt_needs_bnr(nullptr));
-    });
-}
-
-TEST(StorageAccess, WritesSplitOffAPartialLastSector)
-{
-    struct { uint32_t blksz; uint64_t first; uint32_t n; strings starts, counts; } rows[] = {
-        {4096, 10, 5000, {"10", "11"}, {"1", "1"}}, {512, 40, 100, {"40", "40"}, {"0", "1"}}};
-    for (auto &r : rows)
-        with_link([&](fake_platform &fake) {
-            push_discovery(fake, r.blksz, {{1000, make_gpt({{"a", r.first, r.first + 7}}, r.blksz, 1000)}});
-            pt *a = pt_find("a", -1);
-            ASSERT_NE(a, nullptr);
-            fake.written.clear();
-            fake.push_all({raw_ack(), ack(), raw_ack(), ack()});
-            std::string data = pattern(9 * r.blksz, 5);
-            EXPECT_EQ(pt_write(a, data.data(), r.n), r.n);
-            EXPECT_EQ(attr_of(fake.written, "program", "start_sector"), r.starts);
-            EXPECT_EQ(attr_of(fake.written, "program", "num_partition_sectors"), r.counts);
-            size_t whole = r.n / r.blksz * r.blksz;
-            EXPECT_NE(fake.written.find("/></data>" + data.substr(0, whole) + "<?xml"), std::string::npos);
-            EXPECT_EQ(fake.written.substr(fake.written.size() - r.blksz),
-                      data.substr(whole, r.n - whole) + std::string(r.blksz - r.n % r.blksz, '\0'));
-            EXPECT_EQ(a->pos, r.n);
-            // Inside a sector now; and past the end.
-            EXPECT_EQ(and_code(pt_write(a, data.data(), r.blksz)), std::tuple(0u, (int)ERR_BAD_PARAM));
-            pt_seek(a, 0, 0);
-            EXPECT_EQ(and_code(pt_write(a, data.data(), 9 * r.blksz)), std::tuple(0u, (int)ERR_RANGE));
-        });
-}
-
-TEST(StorageAccess, ErasesRunTheWholeWidthAndHighestLunWins)
+// The data of whole and partial sectors are Roads.ByNameWithWipeTableReinitAndNestedContainer's.
+TEST(StorageAccess, SeeksReadsWritesAndErases)
 {
     with_link([&](fake_platform &fake) {
         // 16 GiB LUNs; "big" begins at 5 GiB and is 4 GiB and 1 MiB long.
         const uint64_t n = 4ull << 20, big = 5ull << 18, big_len = ((4ull << 30) + (1 << 20)) / 4096;
-        push_discovery(fake, 4096, {{n, make_gpt({{"big", big, big + big_len - 1}, {"mid", 256, 639}, {"dup", 100, 101}},
-                                                 4096, n)},
+        push_discovery(fake, 4096, {{n, make_gpt({{"big", big, big + big_len - 1}, {"mid", 256, 639}, {"dup", 100, 101},
+                                                  {"p", 64, 71}, {"a", 10, 17}}, 4096, n)},
                                     {n, make_gpt({{"other", 100, 101}}, 4096, n)},
                                     {n, make_gpt({{"dup", 200, 201}}, 4096, n)}});
         EXPECT_EQ(std::tuple(pt_lun(pt_find("dup", -1)), pt_lun(pt_find("dup", 0))), std::tuple(2, 0));
         EXPECT_EQ(and_code(pt_find("dup", 1)), std::tuple((pt *)nullptr, (int)ERR_NOT_FOUND));
-        // 1.5 MiB: 1 MiB, then the half.
-        fake.written.clear();
-        fake.push_all({raw_ack(), ack(), raw_ack(), ack()});
-        EXPECT_EQ(pt_erase(pt_find("mid", 0)), 0);
-        EXPECT_EQ(attr_of(fake.written, "program", "start_sector"), (strings{"256", "512"}));
-        EXPECT_EQ(attr_of(fake.written, "program", "num_partition_sectors"), (strings{"256", "128"}));
-        // Above 4 GiB: from the partition's first sector on past the first
-        // 1 MiB; the target stops answering there.
-        fake.written.clear();
-        fake.push_all({raw_ack(), ack()});
-        EXPECT_EQ(pt_erase(pt_find("big", 0)) & 0xFF, ERR_NO_RESPONSE);
-        EXPECT_EQ(attr_of(fake.written, "program", "start_sector"),
-                  (strings{std::to_string(big), std::to_string(big + 256)}));
+        pt *p = pt_find("p", 0), *a = pt_find("a", 0);
+        ASSERT_TRUE(p && a);
+        std::string buf(9 * 4096, '\0'), data = pattern(9 * 4096, 5);
+        auto seek = [](pt *x, int64_t offset, int whence) { return (int64_t)pt_seek(x, offset, whence) & 0xFF; };
+        // A call, the answers it gets, its result and the code it leaves, the commands it sent, and p's position after.
+        struct { std::function<int64_t()> call; strings answers; int64_t result; int code; const char *cmd;
+                 strings starts, counts; uint64_t pos; } rows[] = {
+            // Outside the partition, from nowhere, unaligned, too long, nothing: refused at once, position kept.
+            {[&] { return seek(p, 0, 2); }, {}, ERR_RANGE, -1, "", {}, {}, 0},
+            {[&] { return seek(p, 8 * 4096, 0); }, {}, ERR_RANGE, -1, "", {}, {}, 0},
+            {[&] { return seek(p, -1, 0); }, {}, ERR_RANGE, -1, "", {}, {}, 0},
+            {[&] { return seek(p, 0, 3); }, {}, ERR_RANGE, -1, "", {}, {}, 0},
+            {[&] { return seek(p, -4096, 2); }, {}, 0, -1, "", {}, {}, 7 * 4096},
+            {[&] { return seek(p, -2 * 4096, 1); }, {}, 0, -1, "", {}, {}, 5 * 4096},
+            {[&] { return pt_read(p, buf.data(), 100); }, {}, 0, ERR_BAD_PARAM, "", {}, {}, 5 * 4096},
+            {[&] { return pt_read(p, buf.data(), 4 * 4096); }, {}, 0, ERR_RANGE, "", {}, {}, 5 * 4096},
+            {[&] { return pt_read(p, buf.data(), 0); }, {}, 0, 0, "", {}, {}, 5 * 4096},
+            // Exactly the rest: one dump at the right sector; then nothing is left.
+            {[&] { return pt_read(p, buf.data(), 3 * 4096); }, {raw_ack(), std::string(3 * 4096, 'r')}, 3 * 4096, 0,
+             "dump", {"69"}, {"3"}, 8 * 4096},
+            {[&] { return pt_read(p, buf.data(), 1); }, {}, 0, ERR_RANGE, "", {}, {}, 8 * 4096},
+            // A LUN number out of range never reaches the target.
+            {[&] { return lun_read(3, buf.data(), 4096); }, {}, 0, ERR_RANGE, "", {}, {}, 8 * 4096},
+            {[&] { return lun_seek(-1, 0, 0) & 0xFF; }, {}, ERR_RANGE, -1, "", {}, {}, 8 * 4096},
+            // Whole sectors, then the partial last one alone; below a sector, no whole one.
+            {[&] { return pt_write(a, data.data(), 5000); }, {raw_ack(), ack(), raw_ack(), ack()}, 5000, 0, "program",
+             {"10", "11"}, {"1", "1"}, 8 * 4096},
+            {[&] { return pt_write(a, data.data(), 4096); }, {}, 0, ERR_BAD_PARAM, "", {}, {}, 8 * 4096}, // inside a sector
+            {[&] { return seek(a, 0, 0) + pt_write(a, data.data(), 100); }, {raw_ack(), ack(), raw_ack(), ack()}, 100, 0,
+             "program", {"10", "10"}, {"0", "1"}, 8 * 4096},
+            {[&] { return seek(a, 0, 0) + pt_write(a, data.data(), 9 * 4096); }, {}, 0, ERR_RANGE, "", {}, {}, 8 * 4096},
+            // Erases run 1 MiB at a time; above 4 GiB from the partition's first sector, until the target stops.
+            {[&] { return pt_erase(pt_find("mid", 0)); }, {raw_ack(), ack(), raw_ack(), ack()}, 0, 0, "program",
+             {"256", "512"}, {"256", "128"}, 8 * 4096},
+            {[&] { return pt_erase(pt_find("big", 0)) & 0xFF; }, {raw_ack(), ack()}, ERR_NO_RESPONSE, ERR_NO_RESPONSE,
+             "program", {std::to_string(big), std::to_string(big + 256)}, {"256", "256"}, 8 * 4096},
+        };
+        for (auto &r : rows) {
+            fake.written.clear();
+            for (auto &answer : r.answers)
+                fake.push_bytes(answer);
+            EXPECT_EQ(r.call(), r.result) << &r - rows;
+            EXPECT_EQ(r.code < 0 ? r.code : get_error() & 0xFF, r.code) << &r - rows; // -1: a code returned only
+            EXPECT_EQ(attr_of(fake.written, r.cmd, "start_sector"), r.starts) << &r - rows;
+            EXPECT_EQ(attr_of(fake.written, r.cmd, "num_partition_sectors"), r.counts) << &r - rows;
+            EXPECT_EQ(fake.written.empty(), r.starts.empty()) << &r - rows;
+            EXPECT_EQ(p->pos, r.pos) << &r - rows;
+        }
+        EXPECT_EQ(buf.substr(0, 3 * 4096), std::string(3 * 4096, 'r'));
+        EXPECT_TRUE(pt_size(nullptr) == 0 && pt_name(nullptr) == nullptr && !pt_needs_bnr(nullptr));
     });
 }
 

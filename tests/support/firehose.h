@@ -26,16 +26,11 @@ inline std::string answer(const std::string &response_attrs, const std::vector<s
         s += "<log value=\"" + l + "\" />\n";
     return s + "<response " + response_attrs + " />\n</data>";
 }
-inline std::string reply(const std::string &value, const std::string &extra)
-{
-    return answer("value=\"" + value + "\"" + (extra.empty() ? "" : " " + extra));
-}
-inline std::string ack(const std::string &extra = "") { return reply("ACK", extra); }
-inline std::string nak(const std::string &extra = "") { return reply("NAK", extra); }
+inline std::string ack(const std::string &more = "") { return answer("value=\"ACK\"" + (more.empty() ? "" : " " + more)); }
+inline std::string nak(const std::string &more = "") { return answer("value=\"NAK\"" + (more.empty() ? "" : " " + more)); }
 inline std::string raw_ack() { return answer("value=\"ACK\" rawmode=\"true\""); }
 
-// The commands the host sent, split at each envelope; raw bytes between
-// them stay attached to the command before.
+// The text of each command the host sent, raw bytes left out.
 inline std::vector<std::string> commands(const std::string &wire)
 {
     std::vector<std::string> out;

@@ -10,11 +10,7 @@
 
 namespace ravik::test {
 
-struct gpt_part {
-    std::string name;
-    uint64_t first, last; // LBAs
-    uint64_t attrs = 0;
-};
+struct gpt_part { std::string name; uint64_t first, last, attrs = 0; }; // by LBA
 
 struct gpt_bytes {
     std::string header; // one sector, LBA 1
