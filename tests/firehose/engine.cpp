@@ -226,38 +226,3 @@ TEST(ImageTransfer, ProgramFromMemoryAndDumpBack)
         EXPECT_EQ(to_buffer(dump1, back.data()) & 0xFF, ERR_IO);
     });
 }
-
-TEST(ImageTransfer, ReadShrinksGrowsAndOutlastsRefusals)
-{
-    auto read = [](int start, int n, void *out) {
-        return to_buffer("read SECTOR_SIZE_IN_BYTES=\"16\" start_sector=\"" + std::to_string(start) +
-                         "\" num_partition_sectors=\"" + std::to_string(n) + "\"", out);
-    };
-    with_link([&](fake_platform &fake) {
-        std::string out(64 * 16, '\0'), disk = pattern(64 * 16, 4);
-        // First attempt: ACK, then only part of the data, and silence; then
-        // chunks of 16, 32, 16 (the rest) sectors succeed.
-        fake.push_all({ack(), disk.substr(0, 100)});
-        fake.push_idle(10); // one whole empty device read
-        for (auto [at, count] : {std::pair{0, 16}, {16, 32}, {48, 16}})
-            fake.push_all({ack(), disk.substr(at * 16, count * 16), ack()});
-        log_capture c;
-        EXPECT_EQ(read(100, 64, out.data()), 0);
-        EXPECT_EQ(out, disk);
-        EXPECT_EQ(attr_of(fake.written, "read", "start_sector"), (strings{"100", "100", "116", "148"}));
-        EXPECT_EQ(attr_of(fake.written, "read", "num_partition_sectors"), (strings{"64", "16", "32", "16"}));
-        EXPECT_TRUE(c.has("...retry\n"));
-        EXPECT_EQ(read(0, 1, out.data()) & 0xFF, ERR_BAD_PARAM);
-        // The chunk stays whole through sixteen refusals; the seventeenth ends it.
-        for (int i = 0; i < 16; i++)
-            fake.push_bytes(nak());
-        fake.push_all({ack(), disk.substr(0, 64), ack()});
-        fake.written.clear();
-        EXPECT_EQ(read(8, 4, out.data()), 0);
-        EXPECT_EQ(out.substr(0, 64), disk.substr(0, 64));
-        EXPECT_EQ(attr_of(fake.written, "read", "num_partition_sectors"), strings(17, "4"));
-        for (int i = 0; i < 17; i++)
-            fake.push_bytes(nak());
-        EXPECT_EQ(read(8, 4, out.data()) & 0xFF, ERR_NAK);
-    });
-}
