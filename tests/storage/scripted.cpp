@@ -249,30 +249,6 @@ TEST(Gpt, HostileTablesAreRefusedBeforeTheyAreRead)
         });
 }
 
-TEST(Gpt, ReadsASoundTableToItsEnd)
-{
-    with_link([&](fake_platform &fake) {
-        blank_lun(fake);
-        gpt_bytes g = make_gpt({{"ab", 10, 20}}, 4096, 1000);
-        g.array[57] = 0x01; // 'a' becomes U+0161: a name unit beyond ASCII gives its low byte
-        g.header = with(g.header, 88, 4, ref_crc32(g.array.data(), 128 * 128));
-        push_table(fake, g);
-        ASSERT_EQ(gpt_open(0), 0);
-        EXPECT_EQ(gpt_open(0) & 0xFF, ERR_EXISTS);
-        gpt_slot *slot = gpt_read();
-        ASSERT_NE(slot, nullptr);
-        EXPECT_STREQ(slot->name, "ab");
-        EXPECT_EQ(std::tuple(slot->offset, slot->size), std::tuple(10ull * 4096, 11ull * 4096));
-        int rest = 0;
-        while (gpt_read())
-            rest++;
-        EXPECT_EQ(and_code(rest), std::tuple(127, (int)ERR_RANGE));
-        gpt_close();
-        gpt_close();
-        EXPECT_EQ(and_code(gpt_read()), std::tuple((gpt_slot *)nullptr, (int)ERR_GENERAL));
-    });
-}
-
 // Refusals, before anything is written; the image fitted to its LUN is
 // Roads.ByNameWithWipeTableReinitAndNestedContainer's.
 TEST(Gpt, FlashRefusesAnImageThatDoesNotFit)
