@@ -72,25 +72,6 @@ TEST(FirehoseLink, NakLogsItsLinesUnlessTurnedOffAndNoCommandIsAMultipleOf512Byt
     });
 }
 
-TEST(FirehoseLink, TimeOutsAndLateAnswers)
-{
-    with_link([&](fake_platform &fake) {
-        double t0 = fake.clock;
-        EXPECT_EQ(fh_send_fmt("nop value=\"x\""), nullptr);
-        EXPECT_NEAR(fake.clock - t0, 11.0, 0.01);
-        // A late answer after a time-out is not in the response any more, but the next command takes it.
-        EXPECT_EQ(fh_read_resp(), nullptr);
-        EXPECT_FALSE(fh_check_ack());
-        EXPECT_EQ(get_error(), ERR_NO_RESPONSE);
-        fake.push_idle(10); // one whole empty read: the first command times out
-        fake.push_bytes(HEAD + "<response value=\"ACK\" late=\"yes\" /></data>");
-        EXPECT_EQ(fh_send_fmt("nop value=\"first\""), nullptr);
-        xtags *doc = fh_send_fmt("nop value=\"second\"");
-        ASSERT_NE(doc, nullptr);
-        EXPECT_STREQ(xtags_get(doc, "response", "late"), "yes");
-    });
-}
-
 // A port gone for good at the wake-up is HostileTarget.PortGoneForGoodAtTheWakeUp's.
 TEST(FirehoseLink, WakeUpSettlesOnceKeepsSettingsAndGivesUpAfterSixtySeconds)
 {
