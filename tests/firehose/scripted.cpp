@@ -15,26 +15,6 @@ namespace {
 const std::string ACK = ack(), NAK = nak(), HEAD = "<?xml version=\"1.0\" ?><data>";
 const std::string RAW = HEAD + "\n" + RAWMODE_START2 + "\n</data>";
 std::string log_doc(const std::string &v) { return HEAD + "\n<log value=\"" + v + "\" />\n</data>"; }
-// Runs a package from a container of these entries; its code.
-int32_t run_package(const std::string &package, std::map<std::string, std::string> entries)
-{
-    entries["package.xml"] = package;
-    test_container c("c.img", entries);
-    firehose_set_input(c.handle);
-    xtags *doc = xtags_create();
-    xtags_parse(doc, package.c_str());
-    firehose_do_pkg(doc);
-    int32_t code = get_error();
-    xtags_free(doc);
-    firehose_set_input(nullptr);
-    return code;
-}
-// A command with buffer="0x..." of `p` appended; its code.
-int32_t to_buffer(const std::string &cmd, const void *p)
-{
-    firehose_do_fmt("%s buffer=\"0x%lX\"", cmd.c_str(), (unsigned long)(uintptr_t)p);
-    return get_error();
-}
 } // namespace
 
 // Answers cut into single bytes are Roads.RoadsBySector's ("one-byte answers").
@@ -146,8 +126,9 @@ TEST(FirehoseLink, AnswerBehindARawModeAnswerIsKeptForTheNextRead)
 
 TEST(RecipeEngine, PackagesRecipesAndCommands)
 {
-    const std::string R = "<recipe filename=\"r.xml\"/>", frob = "frobnicate level=\"9\"";
-    // No package: the recipe is one command. "!" before a log: not there.
+    const std::string R = "<recipe filename=\"r.xml\"/>", frob = "frobnicate level=\"9\"",
+                      boot = "program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" filename=\"boot.img\" start_sector=\"34\" ";
+    // No package: the recipe is one command. "!" before a log: not there. boot.img is one whole sector.
     struct { std::string package, recipe; strings answers, sent, logs; int code, slept = -1; } rows[] = {
         // Every recipe filtered out, no recipe at all, or none for this target even with ignore_errors.
         {"<recipe filename=\"r.xml\" compatible=\"storage.type:UFS\"/>", "<print what=\"x\"/>", {}, {},
@@ -177,8 +158,13 @@ TEST(RecipeEngine, PackagesRecipesAndCommands)
         {R, "<program SECTOR_SIZE_IN_BYTES=\"3000\" label=\"boot\" filename=\"boot.img\"/>", {}, {}, {}, ERR_BAD_PARAM},
         {R, "<program SECTOR_SIZE_IN_BYTES=\"8192\" label=\"boot\" filename=\"boot.img\"/>", {}, {}, {}, ERR_BAD_PARAM},
         {R, "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"\" filename=\"boot.img\"/>", {}, {}, {}, ERR_MISSING_PARAM},
+        // The entry's own size counts, in whole sectors; entries missing or unnamed are passed over.
+        {R, "<" + boot + "num_partition_sectors=\"9\"/>", {raw_ack(), ack()}, {boot + "num_partition_sectors=\"1\""}, {}, 0},
+        {R, "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"x\" filename=\"none.img\"/>", {}, {}, {}, 0},
+        {R, "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"y\" filename=\"\"/>", {}, {}, {}, 0},
     };
     with_link([&](fake_platform &fake) {
+        device_setu("fh.max_packet_sz", 512);
         for (auto &r : rows) {
             log_capture c;
             fake.written.clear();
@@ -186,8 +172,12 @@ TEST(RecipeEngine, PackagesRecipesAndCommands)
             uint64_t slept = fake.slept_ms;
             for (auto &a : r.answers)
                 fake.push_bytes(a);
-            int32_t code = r.package.empty() ? (firehose_do_fmt("%s", r.recipe.c_str()), get_error())
-                                             : run_package(r.package, {{"r.xml", r.recipe}, {"boot.img", "b"}});
+            test_container box("c.img", {{"package.xml", r.package}, {"r.xml", r.recipe}, {"boot.img", pattern(512, 2)}});
+            doc_of package(r.package.c_str());
+            firehose_set_input(box.handle);
+            r.package.empty() ? (void)firehose_do_fmt("%s", r.recipe.c_str()) : firehose_do_pkg(package.doc);
+            int32_t code = get_error();
+            firehose_set_input(nullptr);
             EXPECT_EQ(code & 0xFF, r.code) << r.recipe;
             EXPECT_EQ(commands(fake.written), r.sent) << r.recipe;
             for (auto &l : r.logs)
@@ -282,37 +272,20 @@ TEST(Provisioning, PowerCycleAwaitsTheTargetAMinute)
     });
 }
 
-TEST(ImageTransfer, ProgramSendsTheEntryPaddedToSectors)
-{
-    // Entries missing or unnamed are passed over.
-    const std::string boot = "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"boot\" filename=\"boot.img\" "
-                             "physical_partition_number=\"0\" start_sector=\"34\" num_partition_sectors=",
-                      rest = "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"x\" filename=\"none.img\"/>"
-                             "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"y\" filename=\"\"/>";
-    with_link([&](fake_platform &fake) {
-        device_setu("fh.max_packet_sz", 512);
-        for (size_t size : {1000u, 512u}) {
-            std::string image = pattern(size, 2);
-            fake.written.clear();
-            fake.push_all({raw_ack(), ack()});
-            EXPECT_EQ(run_package("<recipe filename=\"r.xml\"/>", {{"boot.img", image}, {"r.xml", boot + "\"9\"/>" + rest}}), 0);
-            EXPECT_EQ(fake.written, "<?xml version=\"1.0\"?><data>" + boot + "\"" + std::to_string((size + 511) / 512) +
-                                        "\"/></data>" + image + std::string(-size % 512, '\0'));
-        }
-    });
-}
-
 // Programs from memory are the storage tests' and the roads'.
 TEST(ImageTransfer, DumpRequestsEachChunk)
 {
-    const std::string dump20 = "dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"20\" save_to=\"buffer\"",
-                      dump1 = "dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"1\"";
+    auto dump = [](int sectors, void *to) {
+        firehose_do_fmt("dump SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"%d\" buffer=\"0x%lX\"", sectors,
+                        (unsigned long)(uintptr_t)to);
+        return get_error();
+    };
     with_link([&](fake_platform &fake) {
         device_setu("fh.max_packet_sz", 4096);
         std::string data = pattern(10240, 3), back(10240, '\0');
         // An 8-byte request per chunk, the full size every time.
         fake.push_all({raw_ack(), data.substr(0, 4096), data.substr(4096, 4096), data.substr(8192)});
-        EXPECT_EQ(to_buffer(dump20, back.data()), 0);
+        EXPECT_EQ(dump(20, back.data()), 0);
         EXPECT_EQ(back, data);
         std::string request("DATA\x00\x10\x00\x00", 8);
         EXPECT_EQ(fake.written.substr(fake.written.size() - 24), request + request + request);
@@ -320,14 +293,14 @@ TEST(ImageTransfer, DumpRequestsEachChunk)
         device_setu("fh.max_packet_sz", 0x1000000);
         fake.written.clear();
         fake.push_all({raw_ack(), data});
-        EXPECT_EQ(to_buffer(dump20, back.data()), 0);
+        EXPECT_EQ(dump(20, back.data()), 0);
         EXPECT_EQ(fake.written.substr(fake.written.size() - 8), std::string("DATA\x00\x00\x00\x01", 8));
         // A chunk size that is no multiple of the sector size is refused; a stalled target fails the dump.
         device_setu("fh.max_packet_sz", 1000);
-        EXPECT_EQ(to_buffer(dump1, back.data()) & 0xFF, ERR_BAD_PARAM);
+        EXPECT_EQ(dump(1, back.data()) & 0xFF, ERR_BAD_PARAM);
         device_setu("fh.max_packet_sz", 512);
         fake.clear_script();
         fake.push_all({raw_ack(), std::string(100, 'x')});
-        EXPECT_EQ(to_buffer(dump1, back.data()) & 0xFF, ERR_IO);
+        EXPECT_EQ(dump(1, back.data()) & 0xFF, ERR_IO);
     });
 }
