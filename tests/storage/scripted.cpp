@@ -179,7 +179,8 @@ std::string with(std::string h, size_t at, int bytes, uint64_t v)
 }
 } // namespace
 
-TEST(Gpt, HeaderChecks)
+// The image fitted to its LUN by a flash is Roads.ByNameWithWipeTableReinitAndNestedContainer's.
+TEST(Gpt, HeadersAndImagesAreCheckedBeforeAnythingIsWritten)
 {
     with_link([&](fake_platform &fake) {
         blank_lun(fake);
@@ -203,6 +204,15 @@ TEST(Gpt, HeaderChecks)
             EXPECT_EQ(validate_header(r.lun, r.header.data(), r.length) & 0xFF, r.ok ? 0 : ERR_INVALID) << &r - rows;
             EXPECT_EQ(r.header, before) << &r - rows; // the CRC field is put back
         }
+        // An empty slot starts at 0, inside the image; too short; array elsewhere; no LUN.
+        auto image = [](uint32_t entries) { return make_gpt({{"x", 10, 19}}, 4096, 50, entries, 128, false).image(4096); };
+        std::string hole = image(2), one = image(1);
+        std::string moved = one.substr(0, 4096) + with(one.substr(4096, 4096), 72, 8, 3) + one.substr(8192);
+        struct { int lun; std::string &bytes; uint32_t size; int code; } images[] = {
+            {0, hole, (uint32_t)hole.size(), ERR_RANGE}, {0, one, 8191, ERR_INVALID}, {0, one, 8192, ERR_INVALID},
+            {0, moved, (uint32_t)moved.size(), ERR_INVALID}, {-1, one, (uint32_t)one.size(), ERR_RANGE}};
+        for (auto &r : images)
+            EXPECT_EQ(gpt_flash(r.lun, r.bytes.data(), r.size) & 0xFF, r.code) << &r - images;
         EXPECT_TRUE(fake.written.empty());
     });
 }
@@ -235,25 +245,4 @@ TEST(Gpt, HostileTablesAreRefusedBeforeTheyAreRead)
             EXPECT_EQ(attr_of(fake.written, "dump", "num_partition_sectors"), r.dumps);
             EXPECT_EQ(get_gpt(), nullptr);
         });
-}
-
-// Refusals, before anything is written; the image fitted to its LUN is
-// Roads.ByNameWithWipeTableReinitAndNestedContainer's.
-TEST(Gpt, FlashRefusesAnImageThatDoesNotFit)
-{
-    with_link([&](fake_platform &fake) {
-        blank_lun(fake);
-        auto image = [](uint32_t entries) {
-            return make_gpt({{"x", 10, 19}}, 4096, 50, entries, 128, false).image(4096);
-        };
-        // An empty slot starts at 0, inside the image; too short; array elsewhere; no LUN.
-        std::string hole = image(2), one = image(1);
-        std::string moved = one.substr(0, 4096) + with(one.substr(4096, 4096), 72, 8, 3) + one.substr(8192);
-        struct { int lun; std::string &bytes; uint32_t size; int code; } rows[] = {
-            {0, hole, (uint32_t)hole.size(), ERR_RANGE}, {0, one, 8191, ERR_INVALID}, {0, one, 8192, ERR_INVALID},
-            {0, moved, (uint32_t)moved.size(), ERR_INVALID}, {-1, one, (uint32_t)one.size(), ERR_RANGE}};
-        for (auto &r : rows)
-            EXPECT_EQ(gpt_flash(r.lun, r.bytes.data(), r.size) & 0xFF, r.code) << &r - rows;
-        EXPECT_TRUE(fake.written.empty());
-    });
 }
