@@ -114,13 +114,6 @@ TEST(FirehoseLink, AnswerBehindARawModeAnswerIsKeptForTheNextRead)
         EXPECT_EQ(names_of(&final_answer->lines), (strings{"log", "response"}));
         EXPECT_TRUE(fh_check_ack());
         EXPECT_EQ(fake.clock, t0); // nothing had to be waited for
-        // A new programmer is owed nothing of the old one's words.
-        fake.push_bytes(RAW + ACK);
-        ASSERT_NE(fh_send_and_switch_to_raw(cmd.first()), nullptr);
-        fh_invalidate();
-        fake.push_bytes(ACK); // the wake-up nop
-        EXPECT_NE(get_fh(), nullptr);
-        EXPECT_EQ(fh_read_resp(), nullptr);
     });
 }
 
