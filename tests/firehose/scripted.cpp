@@ -188,37 +188,6 @@ TEST(RecipeEngine, PackagesRecipesAndCommands)
     });
 }
 
-// Whether backup survives a secure target is BackupScripted.SecureTargetTurnsBackupOffUnlessForced's.
-TEST(TargetBringUp, QuestionsAndFallbacks)
-{
-    struct { strings answers; const char *type, *vername; uint32_t ver; bool secure; strings logs; } rows[] = {
-        {{ack("boot_device=\"UFS-and-a-long-name\""), ack("cpu.ver=\"0x10\""), ack("cpu.vername=\"v2\""), ack("secure=\"10\"")},
-         "UFS-and-a-long-", "v2", 16, true, {"...board v2\n", "...secure = yes\n"}},
-        {{nak(), ack("cpu.ver=\"abc\""), ack("cpu.vername=\"v3\""), ack("secure=\"no\"")}, "eMMC", "unknown", 0, false,
-         {"...target does support 'getvar boot_device'\n", "Could not determine storage type. Assuming eMMC...\n"}},
-    };
-    for (auto &r : rows) {
-        fake_platform fake;
-        in_session([&] {
-            log_capture c;
-            device_open();
-            device_set("cpu.name", "board");
-            fake.push_bytes(ack());
-            for (auto &a : r.answers)
-                fake.push_bytes(a);
-            ASSERT_NE(get_firehose(), nullptr);
-            EXPECT_STREQ(device_get("storage.type", nullptr), r.type); // 15 characters at most
-            EXPECT_STREQ(device_get("cpu.vername", nullptr), r.vername);
-            EXPECT_EQ(std::tuple(device_getu("cpu.ver", 0), device_has_flag(DEVICE_FLAG_SECURE)), std::tuple(r.ver, r.secure));
-            for (auto &l : r.logs)
-                EXPECT_TRUE(c.has(l)) << l;
-            EXPECT_EQ(commands(fake.written), (strings{"nop value=\"Hello\"", "getvar value=\"boot_device\"",
-                                                       "getvar value=\"cpu.ver\"", "getvar value=\"cpu.vername\"",
-                                                       "getvar value=\"secure\""}));
-        });
-    }
-}
-
 // That a configure goes nowhere once storage is set up is the rediscovery test's.
 TEST(TargetBringUp, ConfigureNegotiatesThePayload)
 {
