@@ -155,6 +155,9 @@ TEST(RecipeEngine, PackagesRecipesAndCommands)
         {R, "<" + boot + "num_partition_sectors=\"9\"/>", {raw_ack(), ack()}, {boot + "num_partition_sectors=\"1\""}, {}, 0},
         {R, "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"x\" filename=\"none.img\"/>", {}, {}, {}, 0},
         {R, "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"y\" filename=\"\"/>", {}, {}, {}, 0},
+        // Any level but debug is taken, and hides what lies below it.
+        {"", "logger level=\"Error\"", {}, {}, {}, 0}, {"", "logger level=\"debug\"", {}, {}, {}, 0},
+        {"", "print what=\"hidden\"", {}, {}, {"!hidden\n"}, 0},
     };
     with_link([&](fake_platform &fake) {
         device_setu("fh.max_packet_sz", 512);
@@ -177,14 +180,6 @@ TEST(RecipeEngine, PackagesRecipesAndCommands)
                 EXPECT_EQ(c.has(l.substr(l[0] == '!')), l[0] != '!') << l;
             EXPECT_TRUE(r.slept < 0 || fake.slept_ms - slept == (uint64_t)r.slept) << r.recipe;
         }
-        // Any level but debug is taken, and hides what lies below it.
-        log_capture c;
-        for (auto [level, want] : {std::pair{"debug", LOG_INFO}, {"Error", LOG_ERROR}}) {
-            firehose_do_fmt("logger level=\"%s\"", level);
-            EXPECT_EQ(logger_get_level(), (uint32_t)want);
-        }
-        firehose_do_fmt("print what=\"hidden\"");
-        EXPECT_FALSE(c.has("hidden\n"));
     });
 }
 
