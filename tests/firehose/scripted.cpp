@@ -199,10 +199,9 @@ TEST(TargetBringUp, ConfigureNegotiatesThePayload)
         EXPECT_FALSE(c.has("Target NAK!\n"));
         EXPECT_TRUE(c.has("Performance could be improved as target supports a larger payload size (2097152 "
                           "bytes) then what the host could support (65536 bytes)\n"));
-        // A NAK without a proposal, and a second NAK.
+        // A second NAK fails (a NAK without a proposal is HostileTarget's nak/configure).
         device_unset("fh.storage_inited");
-        fake.push_all({nak(), nak("MaxPayloadSizeToTargetInBytes=\"9999999\""), nak()});
-        EXPECT_EQ(configure("1") & 0xFF, ERR_BAD_RESPONSE);
+        fake.push_all({nak("MaxPayloadSizeToTargetInBytes=\"9999999\""), nak()});
         fake.written.clear();
         EXPECT_EQ(configure("1") & 0xFF, ERR_NAK);
         // The stored size wins; the cap holds on the second offer.
@@ -252,12 +251,5 @@ TEST(ImageTransfer, DumpRequestsEachChunk)
         fake.push_all({raw_ack(), data});
         EXPECT_EQ(dump(20, back.data()), 0);
         EXPECT_EQ(fake.written.substr(fake.written.size() - 8), std::string("DATA\x00\x00\x00\x01", 8));
-        // A chunk size that is no multiple of the sector size is refused; a stalled target fails the dump.
-        device_setu("fh.max_packet_sz", 1000);
-        EXPECT_EQ(dump(1, back.data()) & 0xFF, ERR_BAD_PARAM);
-        device_setu("fh.max_packet_sz", 512);
-        fake.clear_script();
-        fake.push_all({raw_ack(), std::string(100, 'x')});
-        EXPECT_EQ(dump(1, back.data()) & 0xFF, ERR_IO);
     });
 }
