@@ -1,5 +1,4 @@
-// Against a scripted programmer: the command exchange (wake-up, envelope,
-// answers, NAKs, raw-mode answers), then packages, recipes and their commands.
+// Against a scripted programmer: the command exchange, then recipes and their commands.
 #include <gtest/gtest.h>
 
 #include "firehose/commands.h"
@@ -17,7 +16,6 @@ const std::string RAW = HEAD + "\n" + RAWMODE_START2 + "\n</data>";
 std::string log_doc(const std::string &v) { return HEAD + "\n<log value=\"" + v + "\" />\n</data>"; }
 } // namespace
 
-// Answers cut into single bytes are Roads.RoadsBySector's ("one-byte answers").
 TEST(FirehoseLink, WhatMakesAnAnswer)
 {
     enum { plain, raw, commit };
@@ -74,8 +72,6 @@ TEST(FirehoseLink, NakLogsItsLinesUnlessTurnedOffAndNoCommandIsAMultipleOf512Byt
     });
 }
 
-// A port gone for good at the wake-up is HostileTarget.PortGoneForGoodAtTheWakeUp's; a wake-up
-// anew after a reset, RoadsUfs'.
 TEST(FirehoseLink, WakeUpSettlesOnceAndGivesUpAfterSixtySeconds)
 {
     with_open_device([&](fake_platform &fake) {
@@ -183,7 +179,6 @@ TEST(RecipeEngine, PackagesRecipesAndCommands)
     });
 }
 
-// That a configure goes nowhere once storage is set up is the rediscovery test's.
 TEST(TargetBringUp, ConfigureNegotiatesThePayload)
 {
     with_link([&](fake_platform &fake) {
@@ -199,7 +194,7 @@ TEST(TargetBringUp, ConfigureNegotiatesThePayload)
         EXPECT_FALSE(c.has("Target NAK!\n"));
         EXPECT_TRUE(c.has("Performance could be improved as target supports a larger payload size (2097152 "
                           "bytes) then what the host could support (65536 bytes)\n"));
-        // A second NAK fails (a NAK without a proposal is HostileTarget's nak/configure).
+        // A second NAK fails.
         device_unset("fh.storage_inited");
         fake.push_all({nak("MaxPayloadSizeToTargetInBytes=\"9999999\""), nak()});
         fake.written.clear();
@@ -228,7 +223,6 @@ TEST(Provisioning, PowerCycleAwaitsTheTargetAMinute)
     });
 }
 
-// Programs from memory are the storage tests' and the roads'.
 TEST(ImageTransfer, DumpRequestsEachChunk)
 {
     auto dump = [](int sectors, void *to) {

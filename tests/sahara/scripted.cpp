@@ -1,5 +1,4 @@
-// Against a scripted boot ROM: the greeting, the chip's identification and
-// the programmer's upload, where the target asks for ranges.
+// Against a scripted boot ROM: the greeting, the chip's identity and the upload.
 #include <gtest/gtest.h>
 
 #include "core/core.h"
@@ -83,8 +82,7 @@ TEST(SaharaGreeting, FailuresAndRetries)
         {ready({exec_resp(1, 0x80000000u)}), ERR_GENERAL, no_data},
         {ready({liar}), ERR_IO},
         {ready({exec_resp(2, 4), u32s({1})}), ERR_GENERAL}, // an answer for another command
-        // Three passes, each after a reopen, then the last code. A port gone for a
-        // while or for good is HostileTarget.GreetingUploadAndTheFormOfAnswers'.
+        // Three passes, each after a reopen, then the last code.
         {{end_image(0), end_image(0), end_image(0)}, 128, "", "sahara_greet_device()->change_mode()->do_hello()->Success"},
     };
     for (auto &r : rows)
@@ -100,8 +98,6 @@ TEST(SaharaGreeting, FailuresAndRetries)
         });
 }
 
-// Serving the ranges asked for, in any order and of either width, is the roads' (the image
-// verified on the first upload and on the one after a reset).
 TEST(SaharaDownload, Failures)
 {
     const std::string H = hello(0), huge = "data chunk >= 4GB not supported\n";

@@ -1,5 +1,4 @@
-// What a boot ROM sends, built by hand so a misreading in the client shows
-// up as a failure.
+// What a boot ROM sends, built by hand so that a misreading in the client shows.
 #pragma once
 
 #include <algorithm>

@@ -1,5 +1,4 @@
-// Storage discovery played by script: the programmer's answers to
-// configure, getStorageInfo and the dumps of the partition tables.
+// Storage discovery played by script: answers to configure, getStorageInfo and the tables' dumps.
 #pragma once
 
 #include <optional>
@@ -9,8 +8,7 @@
 
 namespace ravik::test {
 
-// The info lines of one LUN, as most programmers word them (hexadecimal),
-// or in the second wording (decimal).
+// The info lines of one LUN as most programmers word them (hexadecimal), or in wording 2 (decimal).
 inline std::vector<std::string> info_lines(int wording, uint32_t blksz, uint32_t luns, uint64_t sectors)
 {
     auto hex = [](uint64_t v) { char b[20]; return std::string(b, snprintf(b, sizeof b, "0x%llx", (unsigned long long)v)); };

@@ -1,5 +1,4 @@
-// Storage against a scripted programmer: discovery of the facts in their
-// wordings and of the tables, partition and LUN access, GPT checks.
+// Storage against a scripted programmer: discovery, partition and LUN access, GPT checks.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -57,8 +56,6 @@ TEST(StorageDiscovery, FactsLimitsAndWordings)
         });
 }
 
-// A refused getStorageInfo marks provisioning as likely to hang (RoadsUfs' retry road)
-// and is asked again at the next use (HostileTarget's nak/getStorageInfo).
 TEST(StorageDiscovery, TablesUpToTheFirstLunWithoutAndRediscovery)
 {
     auto two = [](const char *a, const char *b) { return make_gpt({{a, 40, 99, 1u << 5}, {b, 100, 199}}, 4096, 1000); };
@@ -79,8 +76,7 @@ TEST(StorageDiscovery, TablesUpToTheFirstLunWithoutAndRediscovery)
                                "name = \"boot\" },\n"})
             EXPECT_TRUE(c.has(l)) << l;
 
-        // Invalidate only marks; the next use asks again, without configure. The target
-        // now claims 512-byte sectors: the block size stays.
+        // Invalidate only marks; the next use asks again, without configure, and keeps the block size.
         fake.written.clear();
         storage_invalidate();
         EXPECT_TRUE(fake.written.empty());
@@ -92,7 +88,6 @@ TEST(StorageDiscovery, TablesUpToTheFirstLunWithoutAndRediscovery)
     });
 }
 
-// The data of whole and partial sectors are Roads.ByNameWithWipeTableReinitAndNestedContainer's.
 TEST(StorageAccess, SeeksReadsWritesAndErases)
 {
     with_link([&](fake_platform &fake) {
@@ -169,7 +164,6 @@ std::string with(std::string h, size_t at, int bytes, uint64_t v)
 }
 } // namespace
 
-// The image fitted to its LUN by a flash is Roads.ByNameWithWipeTableReinitAndNestedContainer's.
 TEST(Gpt, HeadersAndImagesAreCheckedBeforeAnythingIsWritten)
 {
     with_link([&](fake_platform &fake) {

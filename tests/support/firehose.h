@@ -1,12 +1,9 @@
-// A programmer played by script: answers queued in the order the host will
-// ask, and a container file made for the test.
+// A programmer played by script, answers queued in the order asked, and containers made for a test.
 #pragma once
 
 #include <cstdio>
 #include <map>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "container/container.h"
 #include "core/core.h"
@@ -55,8 +52,7 @@ inline std::vector<std::string> attr_of(const std::string &wire, const std::stri
 // A call's result with the code it left in the thread's error slot.
 template <typename T> std::tuple<T, int> and_code(T result) { return {result, get_error() & 0xFF}; }
 
-// Brings the link up with the storage type and chip version known, so only
-// the wake-up nop and the secure question go out.
+// The link up with storage type and chip known: only the wake-up nop and the secure question go out.
 inline void bring_up(fake_platform &fake, const std::string &secure = "0")
 {
     device_open();
@@ -67,8 +63,7 @@ inline void bring_up(fake_platform &fake, const std::string &secure = "0")
     fake.written.clear();
 }
 
-// A session on a fresh thread in a temporary directory, the link up on the
-// scripted line.
+// A session on a fresh thread in a temporary directory, the link up on the scripted line.
 template <typename F> void with_link(F body)
 {
     fake_platform fake;

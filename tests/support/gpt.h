@@ -52,8 +52,7 @@ inline gpt_bytes make_gpt(const std::vector<gpt_part> &parts, uint32_t blksz, ui
     return g;
 }
 
-// Everything a reader of the whole LUN relies on, both copies; "" when
-// sound, else what is wrong.
+// Everything a reader of the whole LUN relies on, both copies: "" when sound, else what is wrong.
 inline std::string check_gpt(const std::string &lun, uint32_t blksz)
 {
     uint64_t sectors = lun.size() / blksz;
