@@ -1,13 +1,9 @@
 // Against a scripted boot ROM: the greeting, the chip's identity and the upload.
 #include <gtest/gtest.h>
 
-#include "core/core.h"
-#include "link/device.h"
-#include "link/properties.h"
 #include "sahara/sahara.h"
 #include "sahara/target_script.h"
-#include "support/fake_platform.h"
-#include "support/helpers.h"
+#include "support/firehose.h"
 
 using namespace ravik;
 using namespace ravik::test;

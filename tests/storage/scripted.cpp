@@ -1,8 +1,6 @@
 // Storage against a scripted programmer: discovery, partition and LUN access, GPT checks.
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "storage/gpt.h"
 #include "storage/script.h"
 #include "storage/storage.h"
@@ -172,14 +170,11 @@ TEST(Gpt, HeadersAndImagesAreCheckedBeforeAnythingIsWritten)
         std::string bad_crc = h;
         bad_crc[16] ^= 1;
         struct { int lun; std::string header; uint32_t length; bool ok; } rows[] = {
-            {0, h, 4096, true}, {0, h, 91, false}, {0, bad_crc, 4096, false},
-            {0, with(h, 12, 4, 91), 4096, false}, {0, with(h, 12, 4, 4097), 4096, false},
-            {0, with(h, 12, 4, 4096), 4096, true},
-            {0, with(h, 24, 8, 2), 4096, false},    // a backup header's own LBA
-            {0, with(h, 48, 8, 1000), 4096, false}, // last usable at the end
-            {0, with(h, 48, 8, 0), 4096, true},     // filled in by a flash
-            {0, with(h, 40, 8, 5), 4096, false},    // array does not fit before it
-            {0, with(h, 72, 8, 0), 4096, false},
+            {0, h, 4096, true}, {0, h, 91, false}, {0, bad_crc, 4096, false}, {0, with(h, 12, 4, 91), 4096, false},
+            {0, with(h, 12, 4, 4097), 4096, false}, {0, with(h, 12, 4, 4096), 4096, true},
+            // A backup header's own LBA; last usable at the end, or 0 as a flash leaves it; the array not before it.
+            {0, with(h, 24, 8, 2), 4096, false}, {0, with(h, 48, 8, 1000), 4096, false}, {0, with(h, 48, 8, 0), 4096, true},
+            {0, with(h, 40, 8, 5), 4096, false}, {0, with(h, 72, 8, 0), 4096, false},
             // A LUN that does not exist has no room, unless the skip applies.
             {3, h, 4096, false}, {3, with(h, 48, 8, 0), 4096, true},
         };
