@@ -2,8 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <cstdint>
-#include <string>
 #include <vector>
 
 #include "support/bytes.h"
