@@ -25,9 +25,6 @@ TEST(PackageSelection, BoardByIdAndPackageByFilter)
         {3054, files, "alpha", "...filename = alpha.xml\n", "alpha", "UFS"},
         {1, {{"index.xml", "<board id=\"1\" name=\"gamma\"/><package compatible=\"protocol:x\" filename=\"f\"/>"},
              {"f", "<x a=\"1\"/>"}}, "", none, "gamma", nullptr},
-        // An empty filename stops the search there.
-        {1, {{"index.xml", "<board id=\"1\" name=\"gamma\"/><package filename=\"\"/><package filename=\"p\"/>"},
-             {"p", "<x a=\"1\"/>"}}, "", none, "gamma", nullptr},
     };
     for (auto &r : rows) {
         temp_cwd cwd;
