@@ -18,13 +18,12 @@ TEST(PackageSelection, BoardByIdAndPackageByFilter)
                       "<package compatible=\"cpu.name:alpha\" filename=\"alpha.xml\"/>\n"
                       "<package filename=\"later.xml\"/>\n</index>"},
         {"fb.xml", "<fastboot x=\"1\"/>"}, {"alpha.xml", "<alpha x=\"1\"/>"}, {"later.xml", "<later x=\"1\"/>"}};
-    const std::string none = "No suitable package found for gamma\n";
     // The board's name stays set for the dump.
     struct { uint32_t id; entries in; std::string first, log; const char *name, *type; } rows[] = {
         // Hex in the file, decimal in the property; an empty name is passed over.
         {3054, files, "alpha", "...filename = alpha.xml\n", "alpha", "UFS"},
-        {1, {{"index.xml", "<board id=\"1\" name=\"gamma\"/><package compatible=\"protocol:x\" filename=\"f\"/>"},
-             {"f", "<x a=\"1\"/>"}}, "", none, "gamma", nullptr},
+        {1, {{"index.xml", "<board id=\"1\" name=\"gamma\"/><package compatible=\"protocol:x\" filename=\"f\"/>"}}, "",
+         "No suitable package found for gamma\n", "gamma", nullptr},
     };
     for (auto &r : rows) {
         temp_cwd cwd;
