@@ -72,28 +72,18 @@ TEST(FirehoseLink, NakLogsItsLinesUnlessTurnedOffAndNoCommandIsAMultipleOf512Byt
     });
 }
 
-TEST(FirehoseLink, WakeUpSettlesOnceAndGivesUpAfterSixtySeconds)
+// A programmer that refuses the wake-up nop every time: the port reopened every 500 ms for a minute.
+TEST(FirehoseLink, WakeUpGivesUpAfterSixtySeconds)
 {
     with_open_device([&](fake_platform &fake) {
-        log_capture c;
-        fake.push_all({ACK, ACK, ACK});
-        double t0 = fake.clock;
-        ASSERT_NE(fh_send_fmt("getvar value=\"%s\"", "secure"), nullptr);
-        EXPECT_GE(fake.clock - t0, 3.0);
-        fh_send_fmt("nop value=\"again\"");
-        EXPECT_EQ(commands(fake.written), (strings{"nop value=\"Hello\"", "getvar value=\"secure\"", "nop value=\"again\""}));
-        EXPECT_EQ(c.count("Waiting for firehose to get ready\n"), 1);
-        // The programmer refuses the nop every time: the port is reopened every 500 ms.
-        fh_invalidate();
         for (int i = 0; i < 200; i++)
             fake.push_bytes(NAK);
-        int opens = fake.open_calls;
-        t0 = fake.clock;
+        double t0 = fake.clock;
         EXPECT_EQ(fh_send_fmt("nop value=\"x\""), nullptr);
         EXPECT_EQ(get_error() & 0xFF, ERR_NAK);
         EXPECT_GE(fake.clock - t0, 60.0);
         EXPECT_LT(fake.clock - t0, 62.0);
-        EXPECT_GT(fake.open_calls - opens, 10);
+        EXPECT_GT(fake.open_calls, 10);
     });
 }
 
