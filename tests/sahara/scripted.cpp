@@ -63,37 +63,6 @@ TEST(SaharaGreeting, WaysToTheChipId)
         });
 }
 
-TEST(SaharaGreeting, FailuresAndRetries)
-{
-    std::string liar = exec_resp(1, 4); // a length field that lies about the bytes that came
-    liar[4] = 48;
-    auto ready = [](pieces more) {
-        more.insert(more.begin(), {hello(0), command_ready()});
-        return more;
-    };
-    const std::string no_data = hello_resp(3) + words(13, {1});
-    // wire: all the host wrote, where it tells.
-    struct { pieces in; int code; std::string wire = "", chain = ""; } rows[] = {
-        {ready({exec_resp(1, 2u << 20)}), ERR_RANGE, no_data}, // more than the transfer buffer holds
-        {ready({exec_resp(1, 0x80000000u)}), ERR_GENERAL, no_data},
-        {ready({liar}), ERR_IO},
-        {ready({exec_resp(2, 4), u32s({1})}), ERR_GENERAL}, // an answer for another command
-        // Three passes, each after a reopen, then the last code.
-        {{end_image(0), end_image(0), end_image(0)}, 128, "", "sahara_greet_device()->change_mode()->do_hello()->Success"},
-    };
-    for (auto &r : rows)
-        with_open_device([&](fake_platform &fake) {
-            for (auto &p : r.in)
-                fake.push_bytes(p);
-            int32_t code = sahara_greet_device();
-            EXPECT_EQ(code & 0xFF, r.code) << &r - rows;
-            // A pass that reached command mode is not repeated.
-            EXPECT_EQ(fake.open_calls, r.in.size() > 1 && r.in[1] == command_ready() ? 1 : 3) << &r - rows;
-            EXPECT_TRUE(r.wire.empty() || fake.written == r.wire) << &r - rows;
-            EXPECT_TRUE(r.chain.empty() || format_error(code) == r.chain) << format_error(code);
-        });
-}
-
 TEST(SaharaDownload, Failures)
 {
     const std::string H = hello(0), huge = "data chunk >= 4GB not supported\n";
