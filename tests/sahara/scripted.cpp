@@ -14,11 +14,8 @@ using pieces = std::vector<std::string>;
 pieces greeting(uint32_t version, std::vector<std::pair<uint32_t, std::string>> answers)
 {
     pieces in{hello(0, version), command_ready()};
-    for (auto &[cmd, payload] : answers) {
-        in.push_back(exec_resp(cmd, (uint32_t)payload.size()));
-        if (!payload.empty())
-            in.push_back(payload);
-    }
+    for (auto &[cmd, payload] : answers)
+        in.insert(in.end(), {exec_resp(cmd, (uint32_t)payload.size()), payload});
     return in;
 }
 // CMD_EXEC and CMD_EXEC_DATA of each.
