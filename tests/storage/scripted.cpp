@@ -47,7 +47,7 @@ TEST(StorageDiscovery, FactsLimitsAndWordings)
         });
 }
 
-TEST(StorageDiscovery, TablesUpToTheFirstLunWithoutAndRediscovery)
+TEST(StorageDiscovery, TablesUpToTheFirstLunWithoutOne)
 {
     auto two = [](const char *a, const char *b) { return make_gpt({{a, 40, 99, 1u << 5}, {b, 100, 199}}, 4096, 1000); };
     with_link([&](fake_platform &fake) {
@@ -66,16 +66,6 @@ TEST(StorageDiscovery, TablesUpToTheFirstLunWithoutAndRediscovery)
                                "    ptable[00] = { attrs.needs_bnr = 1, offset =     160K, size =     240K, "
                                "name = \"boot\" },\n"})
             EXPECT_TRUE(c.has(l)) << l;
-
-        // Invalidate only marks; the next use asks again, without configure, and keeps the block size.
-        fake.written.clear();
-        storage_invalidate();
-        EXPECT_TRUE(fake.written.empty());
-        fake.push_bytes(answer("value=\"ACK\"", info_lines(0, 512, 1, 1000)));
-        push_table(fake, make_gpt({{"c", 40, 99}}, 4096, 1000));
-        ASSERT_EQ(storage_init(), 0);
-        EXPECT_EQ(std::tuple(storage_blksz(), pt_find("c", 0) != nullptr), std::tuple(4096u, true));
-        EXPECT_EQ(commands(fake.written).front().rfind("getStorageInfo", 0), 0u);
     });
 }
 
