@@ -87,7 +87,7 @@ TEST(StorageAccess, SeeksReadsWritesAndErases)
         // A call, the answers it gets, its result and the code it leaves, the commands it sent, and p's position after.
         struct { std::function<int64_t()> call; strings answers; int64_t result; int code; const char *cmd;
                  strings starts, counts; uint64_t pos; } rows[] = {
-            // Outside the partition, unaligned, too long: refused at once, position kept.
+            // Past either end refused, from the end and from here taken; reads unaligned or too long refused at once.
             {[&] { return seek(p, 0, 2); }, {}, ERR_RANGE, ERR_RANGE, "", {}, {}, 0},
             {[&] { return seek(p, 8 * 4096, 0); }, {}, ERR_RANGE, ERR_RANGE, "", {}, {}, 0},
             {[&] { return seek(p, -4096, 2); }, {}, 0, 0, "", {}, {}, 7 * 4096},
