@@ -1,10 +1,7 @@
-// What a boot ROM sends, built by hand so a misreading in the client shows
-// up as a failure.
+// What a boot ROM sends, built by hand so that a misreading in the client shows.
 #pragma once
 
 #include <algorithm>
-#include <cstdint>
-#include <string>
 #include <vector>
 
 #include "support/bytes.h"

@@ -1,5 +1,4 @@
-// Storage discovery played by script: the programmer's answers to
-// configure, getStorageInfo and the dumps of the partition tables.
+// Storage discovery played by script: answers to configure, getStorageInfo and the tables' dumps.
 #pragma once
 
 #include <optional>
@@ -9,26 +8,18 @@
 
 namespace ravik::test {
 
-// The info lines of one LUN, as most programmers word them (hexadecimal),
-// or in the second wording (decimal).
+// The info lines of one LUN as most programmers word them (hexadecimal), or in wording 2 (decimal).
 inline std::vector<std::string> info_lines(int wording, uint32_t blksz, uint32_t luns, uint64_t sectors)
 {
-    const char *f[2][3] = {{"Device Total Logical Blocks: 0x%llx", "Device Block Size in Bytes: 0x%llx",
-                            "Device Total Physical Paritions: 0x%llx"},
-                           {"num_partition_sectors=%llu", "SECTOR_SIZE_IN_BYTES=%llu", "num_physical_partitions=%llu"}};
-    std::vector<std::string> out;
-    for (auto [i, v] : {std::pair<int, uint64_t>{0, sectors}, {1, blksz}, {2, luns}}) {
-        char b[128];
-        snprintf(b, sizeof b, f[wording == 2][i], (unsigned long long)v);
-        out.push_back(b);
-    }
-    return out;
+    auto hex = [](uint64_t v) { char b[20]; return std::string(b, snprintf(b, sizeof b, "0x%llx", (unsigned long long)v)); };
+    if (wording == 2)
+        return {"num_partition_sectors=" + std::to_string(sectors), "SECTOR_SIZE_IN_BYTES=" + std::to_string(blksz),
+                "num_physical_partitions=" + std::to_string(luns)};
+    return {"Device Total Logical Blocks: " + hex(sectors), "Device Block Size in Bytes: " + hex(blksz),
+            "Device Total Physical Paritions: " + hex(luns)};
 }
 
-struct lun_script {
-    uint64_t sectors;
-    std::optional<gpt_bytes> gpt; // none: a LUN whose LBA 1 is blank
-};
+struct lun_script { uint64_t sectors; std::optional<gpt_bytes> gpt; }; // no table: LBA 1 is blank
 
 // The dumps of one table as the host asks for them: header, then array.
 inline void push_table(fake_platform &fake, const gpt_bytes &g)
@@ -36,12 +27,10 @@ inline void push_table(fake_platform &fake, const gpt_bytes &g)
     fake.push_all({raw_ack(), g.header, raw_ack(), g.array});
 }
 
-// A whole discovery; configure is answered only the first time.
-inline void push_discovery(fake_platform &fake, uint32_t blksz, const std::vector<lun_script> &luns,
-                           bool configure = true)
+// A whole discovery, configure first.
+inline void push_discovery(fake_platform &fake, uint32_t blksz, const std::vector<lun_script> &luns)
 {
-    if (configure)
-        fake.push_bytes(ack());
+    fake.push_bytes(ack());
     for (auto &l : luns)
         fake.push_bytes(answer("value=\"ACK\"", info_lines(0, blksz, (uint32_t)luns.size(), l.sectors)));
     for (auto &l : luns) {

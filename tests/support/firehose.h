@@ -1,12 +1,9 @@
-// A programmer played by script: answers queued in the order the host will
-// ask, and a container file made for the test.
+// A programmer played by script, answers queued in the order asked, and containers made for a test.
 #pragma once
 
 #include <cstdio>
 #include <map>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "container/container.h"
 #include "core/core.h"
@@ -26,16 +23,11 @@ inline std::string answer(const std::string &response_attrs, const std::vector<s
         s += "<log value=\"" + l + "\" />\n";
     return s + "<response " + response_attrs + " />\n</data>";
 }
-inline std::string reply(const std::string &value, const std::string &extra)
-{
-    return answer("value=\"" + value + "\"" + (extra.empty() ? "" : " " + extra));
-}
-inline std::string ack(const std::string &extra = "") { return reply("ACK", extra); }
-inline std::string nak(const std::string &extra = "") { return reply("NAK", extra); }
+inline std::string ack(const std::string &more = "") { return answer("value=\"ACK\"" + (more.empty() ? "" : " " + more)); }
+inline std::string nak(const std::string &more = "") { return answer("value=\"NAK\"" + (more.empty() ? "" : " " + more)); }
 inline std::string raw_ack() { return answer("value=\"ACK\" rawmode=\"true\""); }
 
-// The commands the host sent, split at each envelope; raw bytes between
-// them stay attached to the command before.
+// The text of each command the host sent, raw bytes left out.
 inline std::vector<std::string> commands(const std::string &wire)
 {
     std::vector<std::string> out;
@@ -60,8 +52,7 @@ inline std::vector<std::string> attr_of(const std::string &wire, const std::stri
 // A call's result with the code it left in the thread's error slot.
 template <typename T> std::tuple<T, int> and_code(T result) { return {result, get_error() & 0xFF}; }
 
-// Brings the link up with the storage type and chip version known, so only
-// the wake-up nop and the secure question go out.
+// The link up with storage type and chip known: only the wake-up nop and the secure question go out.
 inline void bring_up(fake_platform &fake, const std::string &secure = "0")
 {
     device_open();
@@ -72,8 +63,7 @@ inline void bring_up(fake_platform &fake, const std::string &secure = "0")
     fake.written.clear();
 }
 
-// A session on a fresh thread in a temporary directory, the link up on the
-// scripted line.
+// A session on a fresh thread in a temporary directory, the link up on the scripted line.
 template <typename F> void with_link(F body)
 {
     fake_platform fake;

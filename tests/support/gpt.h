@@ -1,5 +1,4 @@
-// GPTs from the test's side: built and checked here with code of its own, so
-// a misreading in the library does not hide behind the same misreading.
+// GPTs built and checked with the test's own code, so a misreading in the library cannot hide.
 #pragma once
 
 #include <algorithm>
@@ -10,15 +9,10 @@
 
 namespace ravik::test {
 
-struct gpt_part {
-    std::string name;
-    uint64_t first, last; // LBAs
-    uint64_t attrs = 0;
-};
+struct gpt_part { std::string name; uint64_t first, last, attrs = 0; }; // by LBA
 
 struct gpt_bytes {
-    std::string header; // one sector, LBA 1
-    std::string array;  // from LBA 2
+    std::string header, array; // one sector at LBA 1, and from LBA 2
     std::string image(uint32_t blksz) const { return std::string(blksz, '\0') + header + array; }
 };
 
@@ -56,8 +50,7 @@ inline gpt_bytes make_gpt(const std::vector<gpt_part> &parts, uint32_t blksz, ui
     return g;
 }
 
-// Everything a reader of the whole LUN relies on, both copies; "" when
-// sound, else what is wrong.
+// Everything a reader of the whole LUN relies on, both copies: "" when sound, else what is wrong.
 inline std::string check_gpt(const std::string &lun, uint32_t blksz)
 {
     uint64_t sectors = lun.size() / blksz;
