@@ -174,9 +174,8 @@ struct programmer {
         if (name != "dump" && name != "program")
             return fake.push_bytes(test::ack("secure=\"0\""));
         fake.push_bytes(test::raw_ack());
-        if (name == "program" && !(prog_left = count * blksz))
+        if (prog_lun = lun, prog_at = start; name == "program" && !(prog_left = count * blksz))
             fake.push_bytes(test::ack());
-        prog_lun = lun, prog_at = start;
         std::string data;
         for (uint64_t i = start; name == "dump" && i - start < count && data.size() < (4u << 20); i++) {
             auto it = written.find({lun, i});
