@@ -136,9 +136,9 @@ TEST(SimReference, BootRomTakesExactlyTheProgrammer)
             loaded += le(image, p + 32, 8), last_byte = le(image, p + 8, 8) + le(image, p + 32, 8) - 1;
     ASSERT_LT(last_byte, image.size());
     const size_t intact = SIZE_MAX;
-    struct row { const char *what; size_t flip; int read64; } const rows[] = { // flip: this byte altered{"64-bit reads", intact, -1},   {"32-bit reads", intact, 0},
-                      {"in the header", 24, -1},      {"in the first segment", 0x1000 + 30000, -1},
-                      {"the last loaded byte", last_byte, 0}};
+    struct row { const char *what; size_t flip; int read64; } const rows[] = { // flip: this byte altered
+        {"64-bit reads", intact, -1}, {"32-bit reads", intact, 0}, {"in the header", 24, -1},
+        {"in the first segment", 0x1000 + 30000, -1}, {"the last loaded byte", last_byte, 0}};
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
         sim_session s(false);
