@@ -6,13 +6,11 @@
 #   tests/robustness/run.sh [--no-build] [FUZZ_SECONDS]
 set -u
 cd "$(dirname "$0")/../.."
-[ "${1:-}" = --no-build ] && shift || { cmake --preset asan >/dev/null && cmake --build --preset asan >/dev/null &&
-    cmake --preset tsan >/dev/null && cmake --build --preset tsan >/dev/null || exit 1; }
+[ "${1:-}" = --no-build ] && shift || for p in asan tsan; do
+    cmake --preset $p >/dev/null && cmake --build --preset $p >/dev/null || exit 1; done
 log=$(mktemp -d) && trap 'rm -rf "$log"' EXIT
 ok=0
-echo "## Fault matrix"
-echo "| Case | Expected | Got | Seconds | Limit | Marked partition |"
-echo "|---|---|---|---|---|---|"
+printf '## Fault matrix\n| Case | Expected | Got | Seconds | Limit | Marked partition |\n|---|---|---|---|---|---|\n'
 ctest --test-dir build/asan -R '^HostileTarget\.' -j2 -V >"$log/matrix" 2>&1 || ok=1
 sed -n 's/^[0-9]*: fault case: //p' "$log/matrix"
 echo "## Leaks and allocation failures"
