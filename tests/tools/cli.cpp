@@ -170,7 +170,7 @@ TEST(FlashCli, TargetsSideBySideOneFailing)
 {
     temp_cwd cwd;
     const std::string boot = pattern(5000, 3);
-    container_bytes("s.img", {{"index.xml", SIM_INDEX}, {"boot.img", boot}, {"p.elf", read_file(RAVIK_SIM_DEMO_ELF)},
+    write_container("s.img", {{"index.xml", SIM_INDEX}, {"boot.img", boot}, {"p.elf", read_file(RAVIK_SIM_DEMO_ELF)},
                               {"package.xml", "<programmer filename=\"p.elf\"/><recipe filename=\"r.xml\"/>"},
                               {"r.xml", "<configure SkipStorageInit=\"0\"/><program SECTOR_SIZE_IN_BYTES=\"512\" "
                                         "label=\"boot\" filename=\"boot.img\" physical_partition_number=\"0\" "
